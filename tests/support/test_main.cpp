@@ -1,0 +1,69 @@
+// Main of every test executable: enter the sandbox first, then run GoogleTest
+// with a listener that checks each test leaves no platform block behind.
+#include <cstdio>
+#include <gtest/gtest.h>
+
+#include "os_adapter/test_hooks.h"
+#include "support/sandbox.h"
+#include "vek_dns_ops.h"
+
+// Present only when the caches / the unreachable table are linked in.
+extern "C" __attribute__((weak)) uint32_t ORV_NETB_DnsCleanBuffer(void);
+extern "C" __attribute__((weak)) void ORV_NETB_DnsUnReachableIPClean(void);
+
+namespace {
+
+class leak_check : public testing::EmptyTestEventListener {
+    void OnTestStart(const testing::TestInfo &) override {
+        vekdns::pal_test::clear_faults();
+        vekdns::pal_test::track_sites(true);
+        baseline_ = vekdns::pal_test::outstanding_blocks();
+    }
+
+    void OnTestEnd(const testing::TestInfo &) override {
+        vekdns::pal_test::clear_faults();
+        vekdns::pal_test::release_clock();
+        ORV_NETB_DnsRegisterLogFunc(nullptr);
+        ORV_NETB_DnsSetLogLevel(5);
+        // Workers free their requests right after the callback returns: give
+        // them a moment, then empty the caches, which own their entries.
+        vekdns::test::wait_until([&] { return settled(); }, std::chrono::seconds(2));
+        if (ORV_NETB_DnsUnReachableIPClean != nullptr) {
+            ORV_NETB_DnsUnReachableIPClean();
+        }
+        long left = 0;
+        vekdns::test::wait_until(
+            [&] {
+                if (ORV_NETB_DnsCleanBuffer != nullptr) {
+                    (void)ORV_NETB_DnsCleanBuffer();
+                }
+                left = vekdns::pal_test::outstanding_blocks() - baseline_;
+                return left == 0;
+            },
+            std::chrono::seconds(5));
+        if (left != 0) {
+            char sites[4096];
+            vekdns::pal_test::dump_outstanding(sites, sizeof(sites));
+            ADD_FAILURE() << left << " platform block(s) leaked by this test; allocated at:\n" << sites;
+            baseline_ = vekdns::pal_test::outstanding_blocks();
+        }
+    }
+
+    bool settled() const {
+        if (ORV_NETB_DnsCleanBuffer != nullptr) {
+            return true; // caches hold blocks until emptied below
+        }
+        return vekdns::pal_test::outstanding_blocks() == baseline_;
+    }
+
+    long baseline_ = 0;
+};
+
+} // namespace
+
+int main(int argc, char **argv) {
+    vekdns::test::enter_sandbox();
+    testing::InitGoogleTest(&argc, argv);
+    testing::UnitTest::GetInstance()->listeners().Append(new leak_check);
+    return RUN_ALL_TESTS();
+}
