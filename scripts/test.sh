@@ -16,4 +16,4 @@ run() {
 
 run default
 run asan
-run tsan -R 'Concurren|Stress|Thread|Race|Lock'
+run tsan -R 'Concurrent|Stress'
