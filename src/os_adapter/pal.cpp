@@ -11,6 +11,7 @@
 #include <semaphore.h>
 #include <unistd.h>
 
+#include "os_adapter/named_sem.h"
 #include "os_adapter/test_hooks.h"
 
 using vekdns::pal_test::op;
@@ -163,11 +164,10 @@ const char *PAL_Inet_Ntop(int lFamily, const void *pSrc, char *pszDst, uint32_t 
 // ---- semaphores -----------------------------------------------------------------
 
 void *PAL_SemOpen(const char *pszName, int lFlags, uint32_t ulMode, uint32_t ulValue) {
-    if (should_fail(op::sem_open)) {
+    if (pszName == nullptr || should_fail(op::sem_open)) {
         return nullptr;
     }
-    sem_t *sem = sem_open(pszName, lFlags, static_cast<mode_t>(ulMode), ulValue);
-    return sem == SEM_FAILED ? nullptr : sem;
+    return vekdns::pal::named_sem_open(pszName, lFlags, static_cast<mode_t>(ulMode), ulValue);
 }
 
 int PAL_SemWait(void *pSem) {
@@ -192,12 +192,9 @@ int PAL_SemClose(void *pSem) {
     if (pSem == nullptr) {
         return -1;
     }
-    if (should_fail(op::sem_close)) {
-        // Still release the mapping: only the result reports a failure.
-        (void)sem_close(static_cast<sem_t *>(pSem));
-        return -1;
-    }
-    return sem_close(static_cast<sem_t *>(pSem));
+    int ret = vekdns::pal::named_sem_close(static_cast<sem_t *>(pSem));
+    // An injected failure still releases the handle: only the result reports it.
+    return should_fail(op::sem_close) ? -1 : ret;
 }
 
 int PAL_SemUnLink(const char *pszName) {

@@ -73,6 +73,26 @@ TEST_F(NamedSem, CreatedWithCountOneAndOpenMode) {
     EXPECT_EQ(DNS_SemOpen(nullptr), DNS_ERR_SEM);
 }
 
+TEST_F(NamedSem, RemovedSemaphoreIsReplacedInThisProcess) {
+    // The adapter keeps mappings between uses; a removed semaphore must not be
+    // handed out again.
+    void *stuck = nullptr;
+    ASSERT_EQ(DNS_SemOpen(&stuck), DNS_OK);
+    ASSERT_EQ(DNS_SemWait(&stuck), DNS_OK); // left at 0, as by a crashed holder
+    ASSERT_EQ(ORV_NETB_DnsSemUnLink(), DNS_OK);
+    for (int round = 0; round < 3; ++round) {
+        void *fresh = nullptr;
+        ASSERT_EQ(DNS_SemOpen(&fresh), DNS_OK);
+        EXPECT_NE(fresh, stuck);
+        int value = -1;
+        sem_getvalue(static_cast<sem_t *>(fresh), &value);
+        EXPECT_EQ(value, 1) << "round " << round;
+        EXPECT_EQ(DNS_SemClose(&fresh), DNS_OK);
+    }
+    EXPECT_EQ(DNS_SemClose(&stuck), DNS_OK);
+    EXPECT_EQ(locked_section(), DNS_OK);
+}
+
 TEST_F(NamedSem, EveryPlatformFailureMapsToTheSemaphoreCode) {
     log_capture cap(5);
     void *handle = nullptr;

@@ -1,0 +1,31 @@
+// Internals of the address wire layer shared with the resolver loop and the
+// tests: the reply reader over the received bytes only.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "vek_dns_ops.h"
+
+namespace vekdns::detail {
+
+// Largest reply taken in: the rest of a longer datagram is cut off.
+inline constexpr std::size_t reply_buffer_size = 2048;
+inline constexpr std::size_t reply_max_len = reply_buffer_size - 1;
+
+// Takes the addresses of one received reply: `reply` is exactly the bytes
+// received. Same contract as DNS_Read after its receive: appends at index
+// *count (never beyond capacity), writes *count back only for an accepted
+// reply, returns 0 when the count is non-zero afterwards, else 1. Never reads
+// outside `reply`.
+uint32_t take_reply(std::span<const uint8_t> reply, DNS_IPADDR_S *addrs, uint32_t *count,
+                    uint32_t capacity, uint32_t *ttls);
+
+// Detail lines (level 6) are checked here first, so that the common case
+// costs one load instead of a call that clears a 4 KB line buffer.
+inline bool log_enabled(uint32_t level) {
+    return __atomic_load_n(&g_ulDnsLogLevel, __ATOMIC_RELAXED) >= level;
+}
+
+} // namespace vekdns::detail

@@ -1,0 +1,112 @@
+// Opening a named semaphore costs a file open, a stat, a map and an unmap on
+// close. Callers open and close around every short critical section, so the
+// adapter keeps the mapping of the semaphore a name currently refers to and
+// hands it out again after checking (one stat of the name) that the name
+// still refers to the same object. A semaphore removed and created anew
+// (ORV_NETB_DnsSemUnLink in this or another process) has a new inode: the next
+// open maps the new one, and the old mapping is closed when its last user
+// closes it.
+#include "os_adapter/named_sem.h"
+
+#include <cerrno>
+#include <mutex>
+#include <pthread.h>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+namespace vekdns::pal {
+namespace {
+
+struct mapping {
+    std::string name;
+    dev_t dev;
+    ino_t ino;
+    sem_t *sem;
+    unsigned users;
+};
+
+std::mutex g_mutex;
+std::vector<mapping> g_mappings; // guarded by g_mutex; a handful at most
+
+// A child forked while another thread held the mutex must not inherit it locked.
+const int g_atfork = pthread_atfork([] { g_mutex.lock(); }, [] { g_mutex.unlock(); },
+                                    [] { g_mutex.unlock(); });
+
+bool identify(const char *name, struct stat *st) {
+    // glibc keeps named semaphores as /dev/shm/sem.<name>.
+    const char *base = name[0] == '/' ? name + 1 : name;
+    std::string path = "/dev/shm/sem.";
+    path += base;
+    return stat(path.c_str(), st) == 0;
+}
+
+} // namespace
+
+sem_t *named_sem_open(const char *name, int flags, mode_t mode, unsigned value) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    struct stat st {};
+    if (identify(name, &st)) {
+        for (mapping &m : g_mappings) {
+            if (m.name == name && m.dev == st.st_dev && m.ino == st.st_ino) {
+                ++m.users;
+                return m.sem;
+            }
+        }
+    }
+    // The name refers to something else now: drop idle mappings of the old one.
+    for (std::size_t i = g_mappings.size(); i-- > 0;) {
+        if (g_mappings[i].users == 0 && g_mappings[i].name == name) {
+            (void)sem_close(g_mappings[i].sem);
+            g_mappings.erase(g_mappings.begin() + static_cast<std::ptrdiff_t>(i));
+        }
+    }
+    sem_t *sem = sem_open(name, flags, mode, value);
+    if (sem == SEM_FAILED) {
+        return nullptr;
+    }
+    if (!identify(name, &st)) {
+        // Removed between our open and the stat: usable, but not kept.
+        st.st_dev = 0;
+        st.st_ino = 0;
+    }
+    for (mapping &m : g_mappings) {
+        if (m.sem == sem) { // the C library handed back a mapping we hold
+            ++m.users;
+            m.dev = st.st_dev;
+            m.ino = st.st_ino;
+            return sem;
+        }
+    }
+    g_mappings.push_back(mapping{name, st.st_dev, st.st_ino, sem, 1});
+    return sem;
+}
+
+int named_sem_close(sem_t *sem) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    for (std::size_t i = 0; i < g_mappings.size(); ++i) {
+        mapping &m = g_mappings[i];
+        if (m.sem != sem) {
+            continue;
+        }
+        if (m.users == 0) {
+            errno = EINVAL;
+            return -1;
+        }
+        --m.users;
+        if (m.users == 0) {
+            struct stat st {};
+            bool current = identify(m.name.c_str(), &st) && st.st_dev == m.dev && st.st_ino == m.ino;
+            if (!current) {
+                int ret = sem_close(m.sem);
+                g_mappings.erase(g_mappings.begin() + static_cast<std::ptrdiff_t>(i));
+                return ret;
+            }
+        }
+        return 0;
+    }
+    errno = EINVAL;
+    return -1;
+}
+
+} // namespace vekdns::pal
