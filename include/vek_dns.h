@@ -141,12 +141,71 @@ VEK_DNS_API uint32_t ORV_NETB_DnsSemUnLink(void);
 
 /* ---- address calls ------------------------------------------------------ */
 /* (address resolution section) */
+/* Resolves pszHostName (ulSearchType 0 A, 1 AAAA, 2 both, IPv4 first, at most
+ * DNS_MAX_IP_NUM addresses). 0: pfnCallback has been called already (memory
+ * cache hit, on this thread, with pszHostName itself) or will be called exactly
+ * once from a worker thread (with a copy of the name). Any other result: the
+ * request was refused and pfnCallback is never called. ulTimeOutSec bounds
+ * each single reply wait. */
+VEK_DNS_API uint32_t ORV_NETB_DnsGetIpByAsynResolve(const char *pszHostName, uint32_t ulSearchType,
+                                                    int32_t ulTimeOutSec,
+                                                    DNS_IP_CALLBACK_PFN pfnCallback,
+                                                    void *pUserData);
+/* Blocking form (3 seconds per reply wait). *pulIpNum: in the capacity of
+ * pstIpAddr, out the number of addresses written (0 on failure). */
+VEK_DNS_API uint32_t ORV_NETB_DnsGetIpBySynResolve(const char *pszHostName, uint32_t ulSearchType,
+                                                   DNS_IPADDR_S *pstIpAddr, uint32_t *pulIpNum);
+/* Blocking form with the addresses as text; 1 for a bad count or when memory
+ * runs out, else as ORV_NETB_DnsGetIpBySynResolve. */
+VEK_DNS_API uint32_t vek_dns_get_ip_resolve_syn(const char *pszHostName, uint32_t ulSearchType,
+                                                DNS_IPADDR_STR_S *pstIpAddr, uint32_t *pulIpNum);
+/* Empties the three memory caches (A, AAAA, SRV). Always 0. */
+VEK_DNS_API uint32_t ORV_NETB_DnsCleanBuffer(void);
 
 /* ---- service calls ------------------------------------------------------ */
 /* (service resolution section) */
 
 /* ---- configuration and caches ------------------------------------------ */
 /* (configuration section) */
+/* One name server at the configuration interface (layout of DNS_IPADDR_S).
+ * Empty: IPv4 0.0.0.0 or IPv6 ::; writing an empty server deletes its line. */
+typedef DNS_IPADDR_S DNS_SERVER_S;
+
+/* ulMask bits of ORV_NETB_DnsSetConfig / ORV_NETB_DnsGetConfig. */
+#define DNS_CONFIG_MASK_FIRST_SERVER 0x2u
+#define DNS_CONFIG_MASK_SECOND_SERVER 0x4u
+#define DNS_CONFIG_MASK_RECORD_NUM 0x8u
+#define DNS_CONFIG_MASK_TIME 0x10u
+
+/* Sets the first / second nameserver line of /etc/resolv.conf and, on every
+ * call, "maxnumber" / "maxtime" of the three cache files (0 or an unset bit:
+ * the defaults 32 and 86400). */
+VEK_DNS_API uint32_t ORV_NETB_DnsSetConfig(uint32_t ulMask, const DNS_SERVER_S *pstFirstServer,
+                                           const DNS_SERVER_S *pstSecondServer, uint32_t ulRecordNum,
+                                           uint32_t ulTime);
+VEK_DNS_API uint32_t ORV_NETB_DnsGetConfig(uint32_t ulMask, DNS_SERVER_S *pstFirstServer,
+                                           DNS_SERVER_S *pstSecondServer, uint32_t *pulRecordNum,
+                                           uint32_t *pulTime);
+/* Writes the non-empty servers of the list (at most 3 records, at most 2 of
+ * them non-empty) at positions 1, 2. */
+VEK_DNS_API uint32_t ORV_NETB_SetServer(const DNS_SERVER_S *pstServerList, uint32_t ulSize);
+/* Reads positions 1..ulSize (1 to 3); *pulServerCount receives how many. */
+VEK_DNS_API uint32_t ORV_NETB_GetServer(DNS_SERVER_S *pstServerList, uint32_t ulSize,
+                                        uint32_t *pulServerCount);
+
+/* Address cache files /var/orvdns.cache (IPv4) and /var/orvdnsaaaa.cache
+ * (IPv6); the family of stIpAddr, resp. of pstIpAddr[0], chooses the file.
+ * ulTtl 0xFFFFFFFF: the file's maxtime applies. pstIpAddr holds
+ * DNS_MAX_IP_NUM records. No lock: callers serialise these calls. */
+VEK_DNS_API uint32_t DNS_SetIpToFileCache(const char *pszName, uint32_t ulTtl, DNS_IPADDR_S stIpAddr);
+VEK_DNS_API uint32_t DNS_GetIpFromFileCache(const char *pszName, DNS_IPADDR_S *pstIpAddr,
+                                            uint32_t *pulNum);
+/* Service cache file /var/orvdnssrv.cache. *pulSrvNum: in the capacity of
+ * pstSrvRR, out the number of records returned. No lock. */
+VEK_DNS_API uint32_t DNS_SetSrvToFileCache(const char *pszName, const DNS_SRV_RR_S *pstSrvRR,
+                                           uint32_t ulSrvNum, const uint32_t *pulTtl);
+VEK_DNS_API uint32_t DNS_GetSrvFromFileCache(const char *pszName, DNS_SRV_RR_S *pstSrvRR,
+                                             uint32_t *pulSrvNum);
 
 /* ---- masking of addresses in log text ----------------------------------- */
 /* (masking section) */

@@ -95,9 +95,113 @@ VEK_DNS_API uint32_t dnsCheckHostName(const char *pszName);
 
 /* ---- memory caches -------------------------------------------------------- */
 /* (memory cache section) */
+/* Which cache: the values of DNS_A and DNS_AAAA equal the address families. */
+typedef uint32_t DNS_TYPE_E;
+enum { DNS_A = 0, DNS_AAAA = 1, DNS_SRV = 2 };
+
+/* One cache entry. An address entry holds one address; an SRV entry holds the
+ * whole record set of one service name. */
+typedef struct DNS_CACHE_ITEM_S {
+    struct DNS_CACHE_ITEM_S *pstNext; /* towards older entries */
+    struct DNS_CACHE_ITEM_S *pstPrev;
+    char *pszName;        /* owned copy of the key */
+    uint32_t ulTimeStamp; /* PAL_GetSysTimeSec at creation */
+    union {
+        union {
+            uint32_t ulIpv4;
+            uint8_t aucIpv6[16];
+            uint64_t ullAlign;
+        } unIpAddr;        /* address entries */
+        uint32_t ulSrvNum; /* SRV entries: records in pstSrvRR */
+    };
+    DNS_SRV_RR_S *pstSrvRR; /* SRV entries: owned array of ulSrvNum, else NULL */
+    uint32_t ulTtl;         /* address entries; 0xFFFFFFFF: the head's ulMaxTime */
+    uint32_t *pulTtl;       /* SRV entries: owned array of ulSrvNum TTLs, else NULL */
+} DNS_CACHE_ITEM_S;
+
+/* One cache: a circular doubly linked list behind a data-less sentinel, newest
+ * entry first. pstSem guards the list and ulRecords. */
+typedef struct {
+    DNS_TYPE_E enDNSType;
+    uint32_t ulMaxNumber; /* entry count at which a store first evicts (32) */
+    uint32_t ulMaxTime;   /* age limit for TTL 0xFFFFFFFF (86400) */
+    uint32_t ulRecords;
+    sem_t *pstSem;
+    DNS_CACHE_ITEM_S *pstCacheFirst; /* sentinel */
+} DNS_CACHE_HEAD_S;
+
+/* NULL until the first store of their kind and again after ORV_NETB_DnsCleanBuffer.
+ * Read and replaced only under the named semaphore. */
+extern VEK_DNS_API DNS_CACHE_HEAD_S *pstDNSCache;     /* DNS_A */
+extern VEK_DNS_API DNS_CACHE_HEAD_S *pstDNSAAAACache; /* DNS_AAAA */
+extern VEK_DNS_API DNS_CACHE_HEAD_S *pstDNSSRVCache;  /* DNS_SRV */
+
+/* 0 for a limit means its default (32 entries, 86400 seconds). */
+VEK_DNS_API DNS_CACHE_HEAD_S *DNS_CreateCache(DNS_TYPE_E enDNSType, uint32_t ulMaxNumber,
+                                              uint32_t ulMaxTime);
+VEK_DNS_API void DNS_DestoryCache(DNS_CACHE_HEAD_S **ppstCacheHead);
+VEK_DNS_API void dnsDestoryCacheItem(DNS_CACHE_ITEM_S *pstItem);
+VEK_DNS_API void dnsDestoryCacheItemList(DNS_CACHE_ITEM_S *pstCacheFirst);
+/* Head of the A or AAAA cache (may be NULL); NULL for any other type. */
+VEK_DNS_API DNS_CACHE_HEAD_S *dnsGetCacheByType(DNS_TYPE_E enDNSType);
+/* Address of the global head pointer of DNS_A, DNS_AAAA or DNS_SRV, else NULL. */
+VEK_DNS_API DNS_CACHE_HEAD_S **DNS_GetCacheByType(DNS_TYPE_E enDNSType);
+/* Caller holds the head's lock. */
+VEK_DNS_API DNS_CACHE_ITEM_S *dnsAddItemToCache(DNS_CACHE_HEAD_S *pstCacheHead, const char *pszName);
+VEK_DNS_API uint32_t dnsAddIPToCache(DNS_CACHE_HEAD_S *pstCacheHead, const char *pszName,
+                                     const DNS_IPADDR_S *pstIpAddr, uint32_t ulTtl);
+VEK_DNS_API uint32_t dnsSetCacheRecordToHost(const DNS_CACHE_ITEM_S *pstItem, DNS_IPADDR_S *pstIpAddr);
+VEK_DNS_API uint32_t dnsAddSRVToCache(DNS_CACHE_HEAD_S *pstCacheHead, const char *pszName,
+                                      const DNS_SRV_RR_S *pstSrvRR, uint32_t ulSrvNum,
+                                      const uint32_t *pulTtl);
+VEK_DNS_API void dnsDelOldestRecord(DNS_CACHE_HEAD_S *pstCacheHead);
+
+/* Callers hold the named semaphore around every call below. */
+VEK_DNS_API uint32_t DNS_SetIpToMemCache(const char *pszName, uint32_t ulTtl, DNS_IPADDR_S stIpAddr);
+/* pstIpAddr: room for DNS_MAX_IP_NUM records, the first one's ulType the family wanted. */
+VEK_DNS_API uint32_t DNS_GetIpFromMemCache(const char *pszName, DNS_IPADDR_S *pstIpAddr,
+                                           uint32_t *pulNum);
+VEK_DNS_API uint32_t DNS_SetSrvToMemCache(const char *pszName, const DNS_SRV_RR_S *pstSrvRR,
+                                          uint32_t ulSrvNum, const uint32_t *pulTtl);
+/* *pulSrvNum: in the capacity of pstSrvRR, out the records returned. */
+VEK_DNS_API uint32_t DNS_GetSrvFromMemCache(const char *pszName, DNS_SRV_RR_S *pstSrvRR,
+                                            uint32_t *pulSrvNum);
+
+/* The cache façade used by the resolve calls. */
+VEK_DNS_API uint32_t DNS_GetIpFromCache(const char *pszName, DNS_IPADDR_S *pstIpAddr, uint32_t *pulNum);
+VEK_DNS_API uint32_t DNS_SetIpToCache(const char *pszName, uint32_t ulTtl, DNS_IPADDR_S stIpAddr);
+VEK_DNS_API uint32_t DNS_SetSrvToCache(const char *pszName, const DNS_SRV_RR_S *pstSrvRR,
+                                       uint32_t ulSrvNum, const uint32_t *pulTtl);
+VEK_DNS_API uint32_t DNS_GetSrvFromCache(const char *pszName, DNS_SRV_RR_S *pstSrvRR,
+                                         uint32_t *pulSrvNum);
+
+/* Address calls: one asynchronous request, owned and freed by its worker. */
+typedef struct {
+    char *pszHostName;          /* name handed to the callback (= stHostName.pszName) */
+    DNS_HOSTNAME_S stHostName;  /* ulType: what is left to resolve; pszName: own copy */
+    int32_t ulTimeOutSec;       /* per-reply wait */
+    DNS_IP_CALLBACK_PFN fnCallback;
+    uint32_t ulIpNum;           /* addresses already in astIpAddr (from the cache) */
+    DNS_IPADDR_S astIpAddr[DNS_MAX_IP_NUM];
+    void *pUserData;
+} DNS_ASYN_RESOLVE_S;
+
+/* Worker start function; pArg is a DNS_ASYN_RESOLVE_S, freed before it returns. */
+VEK_DNS_API void *DNS_AsynResolveThread(void *pArg);
+/* Completion function of the blocking call; pUserData is its DNS_RESULT_S. */
+VEK_DNS_API uint32_t dnsSynResolveCallback(uint32_t ulRet, char *pszName, DNS_IPADDR_S *pstIpAddr,
+                                           uint32_t ulIpNum, void *pUserData);
 
 /* ---- configuration, cache parameters and cache files ---------------------- */
 /* (configuration section) */
+/* Rewrites position ulIndex (1 or 2) among the nameserver lines of
+ * /etc/resolv.conf; an empty server deletes that line. No lock of its own. */
+VEK_DNS_API uint32_t DNS_SetServer(uint32_t ulIndex, const DNS_SERVER_S *pstServer);
+/* Reads position ulIndex (from 1); a missing position clears the record and
+ * gives 0. No lock of its own. */
+VEK_DNS_API uint32_t DNS_GetServer(uint32_t ulIndex, DNS_SERVER_S *pstServer);
+/* Logs the server at level 5 with its address masked. */
+VEK_DNS_API void DnsIPaddrPrint(const DNS_SERVER_S *pstServer);
 
 /* ---- service resolution --------------------------------------------------- */
 /* (service section) */

@@ -1,0 +1,389 @@
+// Address cache files: /var/orvdns.cache (IPv4) and /var/orvdnsaaaa.cache
+// (IPv6), filled and read by the application.
+//
+// Format: "maxnumber %u\n", "maxtime %u\n", then one record per line, oldest
+// first: name, address (IPv4 as the ulIpv4 value in decimal, IPv6 as text),
+// time stamp, time to live (0xFFFFFFFF: the file's maxtime applies).
+#include "cache/address_file_cache.h"
+
+#include <arpa/inet.h>
+#include <cstring>
+
+#include "base/secure.h"
+#include "base/sys.h"
+#include "cache/text_file.h"
+#include "config/cache_params.h"
+#include "vek_dns_ops.h"
+#include "vek_os_adapter.h"
+
+using vekdns::detail::line_buffer_size;
+using vekdns::detail::line_format_limit;
+using vekdns::detail::line_words;
+using vekdns::detail::temp_file_remover;
+using vekdns::detail::text_file;
+using vekdns::detail::word_is;
+using vekdns::detail::word_to_u32;
+
+namespace {
+
+constexpr size_t address_text_size = 64;
+constexpr size_t name_buffer_size = 128;
+constexpr uint32_t ttl_use_max_time = 0xFFFFFFFFu;
+constexpr mode_t created_file_mode = 0777;
+
+// The file of a family (the step the logs call DNS_OpenCacheFile).
+const char *cache_path_of(uint32_t family) {
+    if (family == DNS_IP_TYPE_IPV4) {
+        return vekdns::ipv4_cache_path;
+    }
+    if (family == DNS_IP_TYPE_IPV6) {
+        return vekdns::ipv6_cache_path;
+    }
+    return nullptr;
+}
+
+// A text cut at 127 characters would lose its line feed and run into the
+// next line written after it: end it with a line feed, so every line of the
+// file still ends with one and stays within 127 characters.
+void end_cut_text(char *text) {
+    size_t len = strnlen(text, line_buffer_size);
+    if (len != 0 && len < line_buffer_size && text[len - 1] != '\n') {
+        text[len - 1] = '\n';
+    }
+}
+
+void log_cut(int len) { DNS_LOG(3, "secure func return fail! lLen = %d", len); }
+
+uint32_t create_address_file(const char *path, const char *name, uint32_t ttl, const DNS_IPADDR_S &addr) {
+    // The address is turned into text before the file is created, so a
+    // failure leaves no empty file behind.
+    char address[address_text_size] = {};
+    if (addr.ulType == DNS_IP_TYPE_IPV6 &&
+        PAL_Inet_Ntop(AF_INET6, addr.unIpAddr.aucIpv6, address, sizeof(address)) == nullptr) {
+        return DNS_ERR_ADDR_TO_TEXT;
+    }
+    text_file file(path, "w");
+    if (!file.is_open()) {
+        DNS_LOG(2, "open file failed!\r\n");
+        return DNS_ERR_OPEN_FILE;
+    }
+    char text[line_buffer_size] = {};
+    const uint32_t now = PAL_GetSysTimeSec();
+    int len;
+    if (addr.ulType == DNS_IP_TYPE_IPV4) {
+        len = snprintf_s(text, sizeof(text), line_format_limit, "maxnumber %d\nmaxtime %d\n%s %u %u %u\n",
+                         static_cast<int>(vekdns::cache_default_max_number),
+                         static_cast<int>(vekdns::cache_default_max_time), name, addr.unIpAddr.ulIpv4, now,
+                         ttl);
+    } else {
+        len = snprintf_s(text, sizeof(text), line_format_limit, "maxnumber %d\nmaxtime %d\n%s %s %u %u\n",
+                         static_cast<int>(vekdns::cache_default_max_number),
+                         static_cast<int>(vekdns::cache_default_max_time), name, address, now, ttl);
+    }
+    if (len < 0) {
+        log_cut(len);
+        end_cut_text(text);
+    }
+    if (!file.put(text)) {
+        file.close();
+        (void)PAL_Remove(path); // it did not exist before
+        DNS_LOG(2, "write cache file failed!\r\n");
+        return DNS_ERR_WRITE_FILE;
+    }
+    file.close();
+    (void)vekdns::sys::chmod(path, created_file_mode);
+    return DNS_OK;
+}
+
+uint32_t append_record(const char *path, const char *name, uint32_t ttl, const DNS_IPADDR_S &addr) {
+    text_file file(path, "a");
+    if (!file.is_open()) {
+        DNS_LOG(2, "open file failed!\r\n");
+        return DNS_ERR_OPEN_FILE;
+    }
+    char record[line_buffer_size] = {};
+    uint32_t ret = dnsFormatCacheRecord(name, record, ttl, addr);
+    if (ret != DNS_OK) {
+        return ret;
+    }
+    if (!file.put(record)) {
+        DNS_LOG(2, "write cache file failed!\r\n");
+        return DNS_ERR_WRITE_FILE;
+    }
+    return DNS_OK;
+}
+
+// The file is full: the first record with the smallest stamp is left out and
+// the new record is written at the end. `cache` stands at the start.
+uint32_t replace_oldest_record(text_file &cache, const char *path, const char *name, uint32_t ttl,
+                               const DNS_IPADDR_S &addr) {
+    // Every record is a candidate, also one stamped in the current second:
+    // a full file always gives up its oldest record, so the store is kept and
+    // the count stays at maxnumber. (Where a record older than the current
+    // second exists, it is the one chosen anyway.)
+    char piece[line_buffer_size] = {};
+    uint64_t line_no = 0;
+    uint64_t candidate = 0;
+    uint64_t smallest = UINT64_MAX;
+    while (cache.next_piece(piece)) {
+        if (++line_no < 3) {
+            continue;
+        }
+        line_words words(piece);
+        (void)words.next();
+        (void)words.next();
+        const char *stamp = words.next();
+        if (stamp == nullptr) {
+            return DNS_ERR_FILE_FORMAT;
+        }
+        uint32_t value = word_to_u32(stamp);
+        if (value < smallest) {
+            smallest = value;
+            candidate = line_no;
+        }
+    }
+    if (!cache.ended() || !cache.rewind()) {
+        return DNS_ERR_SEEK_FILE;
+    }
+
+    temp_file_remover remover(vekdns::resolv_temp_path);
+    text_file temp(vekdns::resolv_temp_path, "w");
+    if (!temp.is_open()) {
+        DNS_LOG(2, "open file failed!\r\n");
+        return DNS_ERR_OPEN_FILE;
+    }
+    remover.arm();
+    char record[line_buffer_size] = {};
+    bool have_record = false;
+    line_no = 0;
+    while (cache.next_piece(piece)) {
+        if (++line_no == candidate) {
+            uint32_t ret = dnsFormatCacheRecord(name, record, ttl, addr);
+            if (ret != DNS_OK) {
+                return ret;
+            }
+            have_record = true;
+            continue;
+        }
+        if (!temp.put(piece)) {
+            DNS_LOG(2, "write cache file failed!\r\n");
+            return DNS_ERR_WRITE_FILE;
+        }
+    }
+    if (!cache.ended()) {
+        return DNS_ERR_SEEK_FILE;
+    }
+    if (have_record && !temp.put(record)) {
+        DNS_LOG(2, "write cache file failed!\r\n");
+        return DNS_ERR_WRITE_FILE;
+    }
+    cache.close();
+    temp.close();
+    uint32_t copied = DNS_CopyOneFileToAnother(vekdns::resolv_temp_path, path);
+    remover.remove_now();
+    return copied == DNS_OK ? DNS_OK : DNS_ERR_COPY_FILE;
+}
+
+} // namespace
+
+uint32_t dnsFormatCacheRecord(const char *pszName, char *pszBuf, uint32_t ulTtl, DNS_IPADDR_S stIpAddr) {
+    (void)memset_s(pszBuf, line_buffer_size, 0, line_buffer_size);
+    int len;
+    if (stIpAddr.ulType == DNS_IP_TYPE_IPV4) {
+        len = snprintf_s(pszBuf, line_buffer_size, line_format_limit, "%s %u %u %u\n", pszName,
+                         stIpAddr.unIpAddr.ulIpv4, PAL_GetSysTimeSec(), ulTtl);
+    } else if (stIpAddr.ulType == DNS_IP_TYPE_IPV6) {
+        char address[address_text_size] = {};
+        if (PAL_Inet_Ntop(AF_INET6, stIpAddr.unIpAddr.aucIpv6, address, sizeof(address)) == nullptr) {
+            return DNS_ERR_ADDR_TO_TEXT;
+        }
+        len = snprintf_s(pszBuf, line_buffer_size, line_format_limit, "%s %s %u %u\n", pszName, address,
+                         PAL_GetSysTimeSec(), ulTtl);
+    } else {
+        return DNS_OK;
+    }
+    if (len < 0) {
+        log_cut(len); // a cut line is not an error
+        end_cut_text(pszBuf);
+    }
+    return DNS_OK;
+}
+
+extern "C" {
+
+VEK_DNS_API uint32_t DNS_SetIpToFileCache(const char *pszName, uint32_t ulTtl, DNS_IPADDR_S stIpAddr) {
+    const char *path = cache_path_of(stIpAddr.ulType);
+    if (path == nullptr) {
+        DNS_LOG(2, "open file failed!\r\n");
+        return DNS_ERR_OPEN_FILE;
+    }
+    if (pszName == nullptr) {
+        DNS_LOG(2, "inputting parameter error!\r\n");
+        return DNS_ERR_PARA_INVALID;
+    }
+    if (PAL_Access(path, 0) == -1) {
+        return create_address_file(path, pszName, ulTtl, stIpAddr);
+    }
+    text_file cache(path, "r");
+    if (!cache.is_open()) {
+        DNS_LOG(2, "open file failed!\r\n");
+        return DNS_ERR_OPEN_FILE;
+    }
+    // Count the lines; only the first is examined for "maxnumber" (a file
+    // without it is taken as holding at most 0 records).
+    char piece[line_buffer_size] = {};
+    uint64_t lines = 0;
+    uint32_t max_number = 0;
+    while (cache.next_piece(piece)) {
+        if (++lines != 1) {
+            continue;
+        }
+        line_words words(piece);
+        if (word_is(words.next(), "maxnumber")) {
+            const char *value = words.next();
+            if (value == nullptr) {
+                return DNS_ERR_FILE_FORMAT;
+            }
+            max_number = word_to_u32(value);
+        }
+    }
+    if (!cache.ended() || !cache.rewind()) {
+        return DNS_ERR_SEEK_FILE;
+    }
+    // Counted in 64 bits: a maxnumber near 2^32 must not wrap around.
+    const uint64_t full_lines = static_cast<uint64_t>(max_number) + 2;
+    if (full_lines > lines) {
+        cache.close();
+        return append_record(path, pszName, ulTtl, stIpAddr);
+    }
+    if (full_lines < lines) {
+        return DNS_ERR_FILE_FORMAT;
+    }
+    return replace_oldest_record(cache, path, pszName, ulTtl, stIpAddr);
+}
+
+VEK_DNS_API uint32_t DNS_GetIpFromFileCache(const char *pszName, DNS_IPADDR_S *pstIpAddr, uint32_t *pulNum) {
+    DNS_LOG(6, "Entern DNS_GetIpFromFileCache");
+    if (pszName == nullptr || pstIpAddr == nullptr || pulNum == nullptr) {
+        DNS_LOG(3, "DNS_GetIpFromFileCache param is null");
+        return DNS_ERR_PARA_INVALID;
+    }
+    const uint32_t family = pstIpAddr[0].ulType;
+    const char *path = cache_path_of(family);
+    text_file cache;
+    if (path == nullptr || !cache.open(path, "r")) {
+        DNS_LOG(3, "DNS_GetIpFromFileCache DNS_OpenCacheFile failed");
+        return DNS_ERR_OPEN_FILE;
+    }
+    temp_file_remover remover(vekdns::resolv_temp_path);
+    text_file temp(vekdns::resolv_temp_path, "w");
+    if (!temp.is_open()) {
+        DNS_LOG(2, "open file failed!\r\n");
+        return DNS_ERR_OPEN_FILE;
+    }
+    remover.arm();
+
+    // First pass: the line count and the two parameters.
+    char piece[line_buffer_size] = {};
+    uint64_t lines = 0;
+    uint32_t max_number = 0;
+    uint32_t max_time = 0;
+    while (cache.next_piece(piece)) {
+        if (++lines > 2) {
+            continue;
+        }
+        line_words words(piece);
+        const char *first = words.next();
+        if (first == nullptr) {
+            return DNS_ERR_FILE_FORMAT;
+        }
+        const bool is_number = word_is(first, "maxnumber");
+        if (is_number || word_is(first, "maxtime")) {
+            const char *value = words.next();
+            if (value == nullptr) {
+                return DNS_ERR_FILE_FORMAT;
+            }
+            (is_number ? max_number : max_time) = word_to_u32(value);
+        }
+    }
+    if (!cache.ended() || !cache.rewind()) {
+        return DNS_ERR_SEEK_FILE;
+    }
+    if (lines == 2) {
+        return DNS_ERR_FILE_FORMAT;
+    }
+
+    // Lines 3 to `last_dropped` are the oldest records over the count limit.
+    const uint64_t full_lines = static_cast<uint64_t>(max_number) + 2;
+    const uint64_t last_dropped = lines > full_lines ? lines - max_number : 0;
+    const uint32_t now = PAL_GetSysTimeSec();
+    uint32_t found = 0;
+    uint32_t result = DNS_ERR_NOT_FOUND;
+    uint64_t line_no = 0;
+    while (cache.next_piece(piece)) {
+        ++line_no;
+        if (line_no > 2 && line_no <= last_dropped) {
+            continue;
+        }
+        if (line_no > 2) {
+            line_words words(piece);
+            const char *name = words.next();
+            const char *address = words.next();
+            const char *stamp = words.next();
+            const char *ttl = words.next();
+            if (name == nullptr || address == nullptr || stamp == nullptr || ttl == nullptr) {
+                return DNS_ERR_FILE_FORMAT;
+            }
+            char name_copy[name_buffer_size] = {};
+            char address_copy[address_text_size] = {};
+            errno_t err = strcpy_s(name_copy, sizeof(name_copy), name);
+            if (err != 0) {
+                DNS_LOG(3, "secure func return fail! err = %d", err);
+            }
+            err = strcpy_s(address_copy, sizeof(address_copy), address);
+            if (err != 0) {
+                DNS_LOG(3, "secure func return fail! err = %d", err);
+            }
+            if (PAL_StrCmp(name_copy, pszName) == 0) {
+                const uint32_t ttl_value = word_to_u32(ttl);
+                const uint32_t limit = ttl_value == ttl_use_max_time ? max_time : ttl_value;
+                const uint32_t age = now - word_to_u32(stamp);
+                if (age >= limit) {
+                    result = DNS_ERR_CACHE_EXPIRED; // dropped from the file
+                    continue;
+                }
+                result = DNS_OK;
+                if (found < DNS_MAX_IP_NUM) {
+                    DNS_IPADDR_S &out = pstIpAddr[found];
+                    std::memset(&out, 0, sizeof(out));
+                    out.ulType = family;
+                    if (family == DNS_IP_TYPE_IPV4) {
+                        out.unIpAddr.ulIpv4 = word_to_u32(address_copy);
+                    } else if (PAL_Inet_Pton(AF_INET6, address_copy, out.unIpAddr.aucIpv6) <= 0) {
+                        return DNS_ERR_TEXT_TO_ADDR;
+                    }
+                    ++found;
+                }
+            }
+        }
+        if (!temp.put(piece)) {
+            DNS_LOG(2, "write cache file failed!\r\n");
+            return DNS_ERR_WRITE_FILE;
+        }
+    }
+    if (!cache.ended()) {
+        return DNS_ERR_SEEK_FILE;
+    }
+    cache.close();
+    temp.close();
+    uint32_t copied = DNS_CopyOneFileToAnother(vekdns::resolv_temp_path, path);
+    remover.remove_now();
+    if (copied != DNS_OK) {
+        return DNS_ERR_COPY_FILE;
+    }
+    DNS_LOG(6, "get ip from cache success!!!\r\n");
+    *pulNum = found;
+    return result;
+}
+
+} // extern "C"
