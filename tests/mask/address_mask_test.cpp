@@ -68,7 +68,7 @@ void store(const std::string &ip) {
     ASSERT_EQ(vek_filter_setIP_str(copy.get()), 0u);
 }
 
-// The replacement walk written out step by step as documented (the rest of
+// The replacement walk written out literally, step by step (the rest of
 // the text is appended after every masked occurrence and overwritten by the
 // next one), used to check the implementation on many generated texts.
 // Returns nullopt on failure; `block` receives the block's text either way.
