@@ -159,8 +159,8 @@ VEK_DNS_API uint32_t ORV_NETB_DnsGetIpBySynResolve(const char *pszHostName, uint
  * runs out, else as ORV_NETB_DnsGetIpBySynResolve. */
 VEK_DNS_API uint32_t vek_dns_get_ip_resolve_syn(const char *pszHostName, uint32_t ulSearchType,
                                                 DNS_IPADDR_STR_S *pstIpAddr, uint32_t *pulIpNum);
-/* Empties the three memory caches (A, AAAA, SRV). Always 0. */
-VEK_DNS_API uint32_t ORV_NETB_DnsCleanBuffer(void);
+/* Empties the three memory caches (A, AAAA, SRV). */
+VEK_DNS_API void ORV_NETB_DnsCleanBuffer(void);
 
 /* ---- service calls ------------------------------------------------------ */
 /* (service resolution section) */

@@ -121,8 +121,10 @@ void *worker_main(void *arg) {
         g_in_flight.fetch_sub(1, std::memory_order_acq_rel);
         req = park(&self);
     }
+    // park() gave null: `self` is on no list any more (it timed out and took
+    // itself off, was taken off to quit, or was never put on).
     (void)pthread_cond_destroy(&self.wake);
-    return nullptr;
+    return nullptr; // NOLINT(clang-analyzer-core.StackAddressEscape)
 }
 
 // Hands the request to a parked worker, or starts a new detached one.

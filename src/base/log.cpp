@@ -16,7 +16,8 @@ VEK_DNS_API uint32_t g_ulDnsLogLevel = 5;
 VEK_DNS_API DNS_LOG_FUNC_PFN g_fnDnsLogFunc = nullptr;
 
 VEK_DNS_API void DNS_LOG(uint32_t ulLevel, const char *pszFormat, ...) {
-    char buffer[log_buffer_size] = {0};
+    char buffer[log_buffer_size];
+    // Filtering comes first so a suppressed line costs one comparison.
     // The two globals are plain objects for the application; the library
     // touches them with relaxed atomic accesses so concurrent use is defined.
     if (__atomic_load_n(&g_ulDnsLogLevel, __ATOMIC_RELAXED) < ulLevel || pszFormat == nullptr) {

@@ -441,10 +441,10 @@ VEK_DNS_API uint32_t DNS_GetSrvFromCache(const char *pszName, DNS_SRV_RR_S *pstS
     return DNS_GetSrvFromMemCache(pszName, pstSrvRR, pulSrvNum);
 }
 
-VEK_DNS_API uint32_t ORV_NETB_DnsCleanBuffer(void) {
+VEK_DNS_API void ORV_NETB_DnsCleanBuffer(void) {
     void *sem = nullptr;
     if (DNS_SemOpen(&sem) != DNS_OK) {
-        return DNS_OK;
+        return;
     }
     (void)DNS_SemWait(&sem);
     DNS_LOG(5, "Start Dns Clean Buffer");
@@ -457,7 +457,6 @@ VEK_DNS_API uint32_t ORV_NETB_DnsCleanBuffer(void) {
     DNS_LOG(5, "Dns Clean Buffer End");
     (void)DNS_SemPost(&sem);
     (void)DNS_SemClose(&sem);
-    return DNS_OK;
 }
 
 } // extern "C"

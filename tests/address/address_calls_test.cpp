@@ -155,7 +155,8 @@ TEST_F(AddressCalls, BadArgumentsAreRefusedWithoutCallback) {
         SCOPED_TRACE(r.what);
         log_capture log(3);
         outcome o;
-        uint32_t ret = ORV_NETB_DnsGetIpByAsynResolve(r.name, r.type, r.timeout, r.with_callback ? record : nullptr, &o);
+        uint32_t ret =
+            ORV_NETB_DnsGetIpByAsynResolve(r.name, r.type, r.timeout, r.with_callback ? record : nullptr, &o);
         EXPECT_EQ(ret, r.ret);
         EXPECT_TRUE(log.contains(r.ret == DNS_ERR_PARA_INVALID ? "inputting parameter error!\r\n"
                                                                : "Invalid domain name format."));
@@ -403,6 +404,15 @@ TEST_F(AddressCalls, BlockingCallDoesNotHangWhenTheWorkerLosesTheSemaphore) {
     EXPECT_EQ(n, 0u);
 }
 
+TEST_F(AddressCalls, BlockingCallWithoutACompletionLockDoesNotWait) {
+    DNS_IPADDR_S addrs[4] = {};
+    uint32_t n = 4;
+    fail_nth(op::sem_init, 1);
+    EXPECT_EQ(ORV_NETB_DnsGetIpBySynResolve("10.1.2.3", DNS_SEARCH_TYPE_A, addrs, &n), DNS_ERR_SEM);
+    EXPECT_EQ(n, 0u);
+    EXPECT_EQ(calls(op::sem_open), 0u) << "no request was made";
+}
+
 TEST_F(AddressCalls, WorkerWithoutRequest) {
     log_capture log(2);
     EXPECT_EQ(DNS_AsynResolveThread(nullptr), nullptr);
@@ -412,13 +422,15 @@ TEST_F(AddressCalls, WorkerWithoutRequest) {
 // ---- worker reuse ----------------------------------------------------------------------
 
 TEST_F(AddressCalls, ParkedWorkerTakesTheNextRequest) {
-    ASSERT_GT(vekdns::detail::worker_reuse(), 0u);
+    const unsigned reuse = vekdns::detail::worker_reuse();
+    ASSERT_GT(reuse, 0u);
+    vekdns::detail::set_worker_reuse(0); // start from an empty pool
+    vekdns::detail::set_worker_reuse(reuse);
     outcome first;
     ASSERT_EQ(resolve("10.0.0.1", DNS_SEARCH_TYPE_A, first), DNS_OK);
     ASSERT_TRUE(first.wait());
-    ASSERT_TRUE(wait_until([] { return parked_workers() > 0; }));
+    ASSERT_TRUE(wait_until([] { return parked_workers() == 1; }));
     const unsigned created = calls(op::thread_create);
-    const unsigned parked = parked_workers();
 
     outcome second;
     ASSERT_EQ(resolve("10.0.0.2", DNS_SEARCH_TYPE_A, second), DNS_OK);
@@ -427,10 +439,9 @@ TEST_F(AddressCalls, ParkedWorkerTakesTheNextRequest) {
     EXPECT_EQ(second.addrs, "10.0.0.2");
     EXPECT_NE(second.thread, std::this_thread::get_id());
     settle();
-    EXPECT_TRUE(wait_until([&] { return parked_workers() == parked; }));
+    EXPECT_TRUE(wait_until([] { return parked_workers() == 1; })) << "parked again";
 
     // Turning reuse off ends the parked workers.
-    const unsigned reuse = vekdns::detail::worker_reuse();
     vekdns::detail::set_worker_reuse(0);
     EXPECT_EQ(parked_workers(), 0u);
     vekdns::detail::set_worker_reuse(reuse);

@@ -559,7 +559,7 @@ TEST(MemCacheClean, LogsEveryStepAndFreesEverything) {
     DNS_SRV_RR_S one = srv("t", 1);
     ASSERT_EQ(DNS_SetSrvToCache("s", &one, 1, &ttl), DNS_OK);
     log_capture log(5);
-    EXPECT_EQ(ORV_NETB_DnsCleanBuffer(), DNS_OK);
+    ORV_NETB_DnsCleanBuffer();
     EXPECT_EQ(log.lines(), (std::vector<std::string>{"Start Dns Clean Buffer", "Destory DNS_SRV cache",
                                                      "Destory DNS_A cache", "Destory DNS_AAAA cache",
                                                      "Dns Clean Buffer End"}));

@@ -7,8 +7,7 @@
 #include "support/sandbox.h"
 #include "vek_dns_ops.h"
 
-// Present only when the caches / the unreachable table are linked in.
-extern "C" __attribute__((weak)) uint32_t ORV_NETB_DnsCleanBuffer(void);
+// Present only once the unreachable-server table is linked in.
 extern "C" __attribute__((weak)) void ORV_NETB_DnsUnReachableIPClean(void);
 
 namespace {
@@ -25,18 +24,15 @@ class leak_check : public testing::EmptyTestEventListener {
         vekdns::pal_test::release_clock();
         ORV_NETB_DnsRegisterLogFunc(nullptr);
         ORV_NETB_DnsSetLogLevel(5);
-        // Workers free their requests right after the callback returns: give
-        // them a moment, then empty the caches, which own their entries.
-        vekdns::test::wait_until([&] { return settled(); }, std::chrono::seconds(2));
+        // Workers free their requests right after the callback returns, and
+        // the caches own their entries: empty them until the count settles.
         if (ORV_NETB_DnsUnReachableIPClean != nullptr) {
             ORV_NETB_DnsUnReachableIPClean();
         }
         long left = 0;
         vekdns::test::wait_until(
             [&] {
-                if (ORV_NETB_DnsCleanBuffer != nullptr) {
-                    (void)ORV_NETB_DnsCleanBuffer();
-                }
+                ORV_NETB_DnsCleanBuffer();
                 left = vekdns::pal_test::outstanding_blocks() - baseline_;
                 return left == 0;
             },
@@ -47,13 +43,6 @@ class leak_check : public testing::EmptyTestEventListener {
             ADD_FAILURE() << left << " platform block(s) leaked by this test; allocated at:\n" << sites;
             baseline_ = vekdns::pal_test::outstanding_blocks();
         }
-    }
-
-    bool settled() const {
-        if (ORV_NETB_DnsCleanBuffer != nullptr) {
-            return true; // caches hold blocks until emptied below
-        }
-        return vekdns::pal_test::outstanding_blocks() == baseline_;
     }
 
     long baseline_ = 0;
