@@ -4,8 +4,7 @@
 // hands it out again after checking (one stat of the name) that the name
 // still refers to the same object. A semaphore removed and created anew
 // (ORV_NETB_DnsSemUnLink in this or another process) has a new inode: the next
-// open maps the new one, and the old mapping is closed when its last user
-// closes it.
+// open maps the new one and closes idle mappings of the old one.
 #include "os_adapter/named_sem.h"
 
 #include <cerrno>
@@ -66,12 +65,14 @@ sem_t *named_sem_open(const char *name, int flags, mode_t mode, unsigned value) 
         return nullptr;
     }
     if (!identify(name, &st)) {
-        // Removed between our open and the stat: usable, but not kept.
+        // Removed between our open and the stat: usable now, and closed by
+        // a later open once idle.
         st.st_dev = 0;
         st.st_ino = 0;
     }
     for (mapping &m : g_mappings) {
         if (m.sem == sem) { // the C library handed back a mapping we hold
+            (void)sem_close(sem); // keep one C-library reference per entry
             ++m.users;
             m.dev = st.st_dev;
             m.ino = st.st_ino;
@@ -83,27 +84,14 @@ sem_t *named_sem_open(const char *name, int flags, mode_t mode, unsigned value) 
 }
 
 int named_sem_close(sem_t *sem) {
+    // No system call here: an idle mapping of a replaced semaphore is closed
+    // by the next open that finds the name pointing elsewhere.
     std::lock_guard<std::mutex> lock(g_mutex);
-    for (std::size_t i = 0; i < g_mappings.size(); ++i) {
-        mapping &m = g_mappings[i];
-        if (m.sem != sem) {
-            continue;
+    for (mapping &m : g_mappings) {
+        if (m.sem == sem && m.users > 0) {
+            --m.users;
+            return 0;
         }
-        if (m.users == 0) {
-            errno = EINVAL;
-            return -1;
-        }
-        --m.users;
-        if (m.users == 0) {
-            struct stat st {};
-            bool current = identify(m.name.c_str(), &st) && st.st_dev == m.dev && st.st_ino == m.ino;
-            if (!current) {
-                int ret = sem_close(m.sem);
-                g_mappings.erase(g_mappings.begin() + static_cast<std::ptrdiff_t>(i));
-                return ret;
-            }
-        }
-        return 0;
     }
     errno = EINVAL;
     return -1;
