@@ -832,4 +832,45 @@ TEST_F(AddressCalls, StressRunningOutOfDescriptors) {
     EXPECT_EQ(resolved + no_socket, static_cast<int>(total));
 }
 
+
+TEST(AddressHelpers, HostNameLengthRulesAndRecordCopy) {
+    const std::string l63(63, 'a'), l64(64, 'a');
+    struct {
+        std::string name;
+        uint32_t expect;
+    } names[] = {{"", 0},          {"a..b", 0},           {".lead", 0},         {"end.", 0},
+                 {l63 + ".x", 0},  {l64 + ".x", 1},       {"x." + l64, 1},      {"x." + l63, 0},
+                 {std::string(255, 'a').replace(60, 1, "."), 1}, // 194-char last label
+                 {(l63 + ".") + (l63 + ".") + (l63 + ".") + l63, 0},          // 255 characters
+                 {(l63 + ".") + (l63 + ".") + (l63 + ".") + l63 + "a", 1}};   // 256
+    for (const auto &c : names) {
+        EXPECT_EQ(dnsCheckHostName(c.name.c_str()), c.expect) << c.name.size() << ": " << c.name;
+    }
+
+    // Families 3 and 4 are read as IPv4 and IPv6 and written as 0 and 1;
+    // any other family leaves the target as it was.
+    DNS_IPADDR_S src{}, dst{};
+    for (int i = 0; i < 16; ++i) {
+        src.unIpAddr.aucIpv6[i] = static_cast<uint8_t>(i + 1);
+    }
+    struct {
+        uint32_t family, expect_family;
+        size_t bytes;
+    } copies[] = {{0, 0, 4}, {3, 0, 4}, {1, 1, 16}, {4, 1, 16}};
+    for (const auto &c : copies) {
+        src.ulType = c.family;
+        std::memset(&dst, 0, sizeof(dst));
+        DNS_TransferIpAddr(&src, &dst);
+        EXPECT_EQ(dst.ulType, c.expect_family) << c.family;
+        EXPECT_EQ(std::memcmp(dst.unIpAddr.aucIpv6, src.unIpAddr.aucIpv6, c.bytes), 0) << c.family;
+    }
+    src.ulType = 2;
+    std::memset(&dst, 0x5A, sizeof(dst));
+    DNS_TransferIpAddr(&src, &dst);
+    EXPECT_EQ(dst.ulType, 0x5A5A5A5Au);
+    src.ulType = 1;
+    DNS_TransferIpAddr(&src, &src); // same record
+    EXPECT_EQ(src.unIpAddr.aucIpv6[15], 16);
+}
+
 } // namespace

@@ -23,7 +23,7 @@ class leak_check : public testing::EmptyTestEventListener {
         vekdns::pal_test::clear_faults();
         vekdns::pal_test::release_clock();
         ORV_NETB_DnsRegisterLogFunc(nullptr);
-        ORV_NETB_DnsSetLogLevel(5);
+        ORV_NETB_DnsSetLogLevel(0); // the clean-up below is the harness's, not the test's
         // Workers free their requests right after the callback returns, and
         // the caches own their entries: empty them until the count settles.
         if (ORV_NETB_DnsUnReachableIPClean != nullptr) {
@@ -43,6 +43,7 @@ class leak_check : public testing::EmptyTestEventListener {
             ADD_FAILURE() << left << " platform block(s) leaked by this test; allocated at:\n" << sites;
             baseline_ = vekdns::pal_test::outstanding_blocks();
         }
+        ORV_NETB_DnsSetLogLevel(5);
     }
 
     long baseline_ = 0;
