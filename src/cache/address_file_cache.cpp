@@ -9,20 +9,10 @@
 #include <arpa/inet.h>
 #include <cstring>
 
-#include "base/secure.h"
-#include "base/sys.h"
 #include "cache/text_file.h"
 #include "config/cache_params.h"
-#include "vek_dns_ops.h"
-#include "vek_os_adapter.h"
 
-using vekdns::detail::line_buffer_size;
-using vekdns::detail::line_format_limit;
-using vekdns::detail::line_words;
-using vekdns::detail::temp_file_remover;
-using vekdns::detail::text_file;
-using vekdns::detail::word_is;
-using vekdns::detail::word_to_u32;
+using namespace vekdns::detail;
 
 namespace {
 
@@ -52,8 +42,6 @@ void end_cut_text(char *text) {
     }
 }
 
-void log_cut(int len) { DNS_LOG(3, "secure func return fail! lLen = %d", len); }
-
 uint32_t create_address_file(const char *path, const char *name, uint32_t ttl, const DNS_IPADDR_S &addr) {
     // The address is turned into text before the file is created, so a
     // failure leaves no empty file behind.
@@ -62,44 +50,27 @@ uint32_t create_address_file(const char *path, const char *name, uint32_t ttl, c
         PAL_Inet_Ntop(AF_INET6, addr.unIpAddr.aucIpv6, address, sizeof(address)) == nullptr) {
         return DNS_ERR_ADDR_TO_TEXT;
     }
-    text_file file(path, "w");
-    if (!file.is_open()) {
-        DNS_LOG(2, "open file failed!\r\n");
-        return DNS_ERR_OPEN_FILE;
-    }
-    char text[line_buffer_size] = {};
-    const uint32_t now = PAL_GetSysTimeSec();
-    int len;
-    if (addr.ulType == DNS_IP_TYPE_IPV4) {
-        len = snprintf_s(text, sizeof(text), line_format_limit, "maxnumber %d\nmaxtime %d\n%s %u %u %u\n",
-                         static_cast<int>(vekdns::cache_default_max_number),
-                         static_cast<int>(vekdns::cache_default_max_time), name, addr.unIpAddr.ulIpv4, now,
-                         ttl);
-    } else {
-        len = snprintf_s(text, sizeof(text), line_format_limit, "maxnumber %d\nmaxtime %d\n%s %s %u %u\n",
-                         static_cast<int>(vekdns::cache_default_max_number),
-                         static_cast<int>(vekdns::cache_default_max_time), name, address, now, ttl);
-    }
-    if (len < 0) {
-        log_cut(len);
-        end_cut_text(text);
-    }
-    if (!file.put(text)) {
-        file.close();
-        (void)PAL_Remove(path); // it did not exist before
-        DNS_LOG(2, "write cache file failed!\r\n");
-        return DNS_ERR_WRITE_FILE;
-    }
-    file.close();
-    (void)vekdns::sys::chmod(path, created_file_mode);
-    return DNS_OK;
+    return create_file(path, created_file_mode, true, [&](text_file &file) {
+        char text[line_buffer_size];
+        const int number = static_cast<int>(vekdns::cache_default_max_number);
+        const int time = static_cast<int>(vekdns::cache_default_max_time);
+        const uint32_t now = PAL_GetSysTimeSec();
+        const int len = addr.ulType == DNS_IP_TYPE_IPV4
+                            ? format_line(text, "maxnumber %d\nmaxtime %d\n%s %u %u %u\n", number, time, name,
+                                          addr.unIpAddr.ulIpv4, now, ttl)
+                            : format_line(text, "maxnumber %d\nmaxtime %d\n%s %s %u %u\n", number, time, name,
+                                          address, now, ttl);
+        if (len < 0) {
+            end_cut_text(text);
+        }
+        return file.put(text) ? DNS_OK : DNS_ERR_WRITE_FILE;
+    });
 }
 
 uint32_t append_record(const char *path, const char *name, uint32_t ttl, const DNS_IPADDR_S &addr) {
     text_file file(path, "a");
     if (!file.is_open()) {
-        DNS_LOG(2, "open file failed!\r\n");
-        return DNS_ERR_OPEN_FILE;
+        return open_failed();
     }
     char record[line_buffer_size] = {};
     uint32_t ret = dnsFormatCacheRecord(name, record, ttl, addr);
@@ -107,8 +78,7 @@ uint32_t append_record(const char *path, const char *name, uint32_t ttl, const D
         return ret;
     }
     if (!file.put(record)) {
-        DNS_LOG(2, "write cache file failed!\r\n");
-        return DNS_ERR_WRITE_FILE;
+        return write_failed();
     }
     return DNS_OK;
 }
@@ -117,71 +87,47 @@ uint32_t append_record(const char *path, const char *name, uint32_t ttl, const D
 // the new record is written at the end. `cache` stands at the start.
 uint32_t replace_oldest_record(text_file &cache, const char *path, const char *name, uint32_t ttl,
                                const DNS_IPADDR_S &addr) {
-    // Every record is a candidate, also one stamped in the current second:
-    // a full file always gives up its oldest record, so the store is kept and
-    // the count stays at maxnumber. (Where a record older than the current
-    // second exists, it is the one chosen anyway.)
-    char piece[line_buffer_size] = {};
-    uint64_t line_no = 0;
     uint64_t candidate = 0;
-    uint64_t smallest = UINT64_MAX;
-    while (cache.next_piece(piece)) {
-        if (++line_no < 3) {
-            continue;
-        }
-        line_words words(piece);
-        (void)words.next();
-        (void)words.next();
-        const char *stamp = words.next();
-        if (stamp == nullptr) {
-            return DNS_ERR_FILE_FORMAT;
-        }
-        uint32_t value = word_to_u32(stamp);
-        if (value < smallest) {
-            smallest = value;
-            candidate = line_no;
-        }
+    uint32_t ret = find_oldest_line(
+        cache,
+        [](line_words &words, const char *&stamp) {
+            (void)words.next();
+            (void)words.next();
+            stamp = words.next();
+            return stamp != nullptr;
+        },
+        candidate);
+    if (ret != DNS_OK) {
+        return ret;
     }
-    if (!cache.ended() || !cache.rewind()) {
-        return DNS_ERR_SEEK_FILE;
+    temp_rewrite temp(vekdns::resolv_temp_path);
+    if (!temp.open()) {
+        return open_failed();
     }
-
-    temp_file_remover remover(vekdns::resolv_temp_path);
-    text_file temp(vekdns::resolv_temp_path, "w");
-    if (!temp.is_open()) {
-        DNS_LOG(2, "open file failed!\r\n");
-        return DNS_ERR_OPEN_FILE;
-    }
-    remover.arm();
+    char piece[line_buffer_size] = {};
     char record[line_buffer_size] = {};
     bool have_record = false;
-    line_no = 0;
+    uint64_t line_no = 0;
     while (cache.next_piece(piece)) {
         if (++line_no == candidate) {
-            uint32_t ret = dnsFormatCacheRecord(name, record, ttl, addr);
+            ret = dnsFormatCacheRecord(name, record, ttl, addr);
             if (ret != DNS_OK) {
                 return ret;
             }
             have_record = true;
             continue;
         }
-        if (!temp.put(piece)) {
-            DNS_LOG(2, "write cache file failed!\r\n");
-            return DNS_ERR_WRITE_FILE;
+        if (!temp.out.put(piece)) {
+            return write_failed();
         }
     }
     if (!cache.ended()) {
         return DNS_ERR_SEEK_FILE;
     }
-    if (have_record && !temp.put(record)) {
-        DNS_LOG(2, "write cache file failed!\r\n");
-        return DNS_ERR_WRITE_FILE;
+    if (have_record && !temp.out.put(record)) {
+        return write_failed();
     }
-    cache.close();
-    temp.close();
-    uint32_t copied = DNS_CopyOneFileToAnother(vekdns::resolv_temp_path, path);
-    remover.remove_now();
-    return copied == DNS_OK ? DNS_OK : DNS_ERR_COPY_FILE;
+    return temp.commit(cache, path);
 }
 
 } // namespace
@@ -190,21 +136,19 @@ uint32_t dnsFormatCacheRecord(const char *pszName, char *pszBuf, uint32_t ulTtl,
     (void)memset_s(pszBuf, line_buffer_size, 0, line_buffer_size);
     int len;
     if (stIpAddr.ulType == DNS_IP_TYPE_IPV4) {
-        len = snprintf_s(pszBuf, line_buffer_size, line_format_limit, "%s %u %u %u\n", pszName,
-                         stIpAddr.unIpAddr.ulIpv4, PAL_GetSysTimeSec(), ulTtl);
+        len = format_line(pszBuf, "%s %u %u %u\n", pszName, stIpAddr.unIpAddr.ulIpv4, PAL_GetSysTimeSec(),
+                          ulTtl);
     } else if (stIpAddr.ulType == DNS_IP_TYPE_IPV6) {
         char address[address_text_size] = {};
         if (PAL_Inet_Ntop(AF_INET6, stIpAddr.unIpAddr.aucIpv6, address, sizeof(address)) == nullptr) {
             return DNS_ERR_ADDR_TO_TEXT;
         }
-        len = snprintf_s(pszBuf, line_buffer_size, line_format_limit, "%s %s %u %u\n", pszName, address,
-                         PAL_GetSysTimeSec(), ulTtl);
+        len = format_line(pszBuf, "%s %s %u %u\n", pszName, address, PAL_GetSysTimeSec(), ulTtl);
     } else {
         return DNS_OK;
     }
     if (len < 0) {
-        log_cut(len); // a cut line is not an error
-        end_cut_text(pszBuf);
+        end_cut_text(pszBuf); // a cut line is not an error
     }
     return DNS_OK;
 }
@@ -214,8 +158,7 @@ extern "C" {
 VEK_DNS_API uint32_t DNS_SetIpToFileCache(const char *pszName, uint32_t ulTtl, DNS_IPADDR_S stIpAddr) {
     const char *path = cache_path_of(stIpAddr.ulType);
     if (path == nullptr) {
-        DNS_LOG(2, "open file failed!\r\n");
-        return DNS_ERR_OPEN_FILE;
+        return open_failed();
     }
     if (pszName == nullptr) {
         DNS_LOG(2, "inputting parameter error!\r\n");
@@ -226,8 +169,7 @@ VEK_DNS_API uint32_t DNS_SetIpToFileCache(const char *pszName, uint32_t ulTtl, D
     }
     text_file cache(path, "r");
     if (!cache.is_open()) {
-        DNS_LOG(2, "open file failed!\r\n");
-        return DNS_ERR_OPEN_FILE;
+        return open_failed();
     }
     // Count the lines; only the first is examined for "maxnumber" (a file
     // without it is taken as holding at most 0 records).
@@ -239,12 +181,8 @@ VEK_DNS_API uint32_t DNS_SetIpToFileCache(const char *pszName, uint32_t ulTtl, D
             continue;
         }
         line_words words(piece);
-        if (word_is(words.next(), "maxnumber")) {
-            const char *value = words.next();
-            if (value == nullptr) {
-                return DNS_ERR_FILE_FORMAT;
-            }
-            max_number = word_to_u32(value);
+        if (word_is(words.next(), "maxnumber") && !take_value(words, &max_number)) {
+            return DNS_ERR_FILE_FORMAT;
         }
     }
     if (!cache.ended() || !cache.rewind()) {
@@ -275,13 +213,10 @@ VEK_DNS_API uint32_t DNS_GetIpFromFileCache(const char *pszName, DNS_IPADDR_S *p
         DNS_LOG(3, "DNS_GetIpFromFileCache DNS_OpenCacheFile failed");
         return DNS_ERR_OPEN_FILE;
     }
-    temp_file_remover remover(vekdns::resolv_temp_path);
-    text_file temp(vekdns::resolv_temp_path, "w");
-    if (!temp.is_open()) {
-        DNS_LOG(2, "open file failed!\r\n");
-        return DNS_ERR_OPEN_FILE;
+    temp_rewrite temp(vekdns::resolv_temp_path);
+    if (!temp.open()) {
+        return open_failed();
     }
-    remover.arm();
 
     // First pass: the line count and the two parameters.
     char piece[line_buffer_size] = {};
@@ -294,16 +229,8 @@ VEK_DNS_API uint32_t DNS_GetIpFromFileCache(const char *pszName, DNS_IPADDR_S *p
         }
         line_words words(piece);
         const char *first = words.next();
-        if (first == nullptr) {
+        if (first == nullptr || !read_parameter(first, words, &max_number, &max_time)) {
             return DNS_ERR_FILE_FORMAT;
-        }
-        const bool is_number = word_is(first, "maxnumber");
-        if (is_number || word_is(first, "maxtime")) {
-            const char *value = words.next();
-            if (value == nullptr) {
-                return DNS_ERR_FILE_FORMAT;
-            }
-            (is_number ? max_number : max_time) = word_to_u32(value);
         }
     }
     if (!cache.ended() || !cache.rewind()) {
@@ -336,14 +263,8 @@ VEK_DNS_API uint32_t DNS_GetIpFromFileCache(const char *pszName, DNS_IPADDR_S *p
             }
             char name_copy[name_buffer_size] = {};
             char address_copy[address_text_size] = {};
-            errno_t err = strcpy_s(name_copy, sizeof(name_copy), name);
-            if (err != 0) {
-                DNS_LOG(3, "secure func return fail! err = %d", err);
-            }
-            err = strcpy_s(address_copy, sizeof(address_copy), address);
-            if (err != 0) {
-                DNS_LOG(3, "secure func return fail! err = %d", err);
-            }
+            copy_text(name_copy, name);
+            copy_text(address_copy, address);
             if (PAL_StrCmp(name_copy, pszName) == 0) {
                 const uint32_t ttl_value = word_to_u32(ttl);
                 const uint32_t limit = ttl_value == ttl_use_max_time ? max_time : ttl_value;
@@ -366,19 +287,14 @@ VEK_DNS_API uint32_t DNS_GetIpFromFileCache(const char *pszName, DNS_IPADDR_S *p
                 }
             }
         }
-        if (!temp.put(piece)) {
-            DNS_LOG(2, "write cache file failed!\r\n");
-            return DNS_ERR_WRITE_FILE;
+        if (!temp.out.put(piece)) {
+            return write_failed();
         }
     }
     if (!cache.ended()) {
         return DNS_ERR_SEEK_FILE;
     }
-    cache.close();
-    temp.close();
-    uint32_t copied = DNS_CopyOneFileToAnother(vekdns::resolv_temp_path, path);
-    remover.remove_now();
-    if (copied != DNS_OK) {
+    if (temp.commit(cache, path) != DNS_OK) {
         return DNS_ERR_COPY_FILE;
     }
     DNS_LOG(6, "get ip from cache success!!!\r\n");

@@ -10,19 +10,9 @@
 #include <arpa/inet.h>
 #include <cstring>
 
-#include "base/secure.h"
-#include "base/sys.h"
 #include "config/cache_params.h"
-#include "vek_dns_ops.h"
-#include "vek_os_adapter.h"
 
-using vekdns::detail::line_buffer_size;
-using vekdns::detail::line_format_limit;
-using vekdns::detail::line_words;
-using vekdns::detail::temp_file_remover;
-using vekdns::detail::text_file;
-using vekdns::detail::word_is;
-using vekdns::detail::word_to_u32;
+using namespace vekdns::detail;
 
 namespace {
 
@@ -33,7 +23,9 @@ constexpr size_t record_overhead = 39; // target + address + 39 must stay within
 constexpr uint32_t ttl_use_max_time = 0xFFFFFFFFu;
 constexpr mode_t created_file_mode = 0640;
 
-bool is_record_line(const char *first_word) { return word_is(first_word, "tn:"); }
+bool is_record_line(const char *first_word) {
+    return word_is(first_word, "tn:");
+}
 
 // Formats the head "%s %u %u\n"; false when it does not fit in 127 characters.
 bool format_head(char (&head)[line_buffer_size], const char *name, uint32_t now, uint32_t count) {
@@ -41,10 +33,11 @@ bool format_head(char (&head)[line_buffer_size], const char *name, uint32_t now,
     return snprintf_s(head, sizeof(head), line_format_limit, "%s %u %u\n", name, now, count) >= 0;
 }
 
-// Writes an entry: the given head text, then one line per record.
-uint32_t write_entry(text_file &out, const char *head, const DNS_SRV_RR_S *records, uint32_t count,
+// Formats the record lines of an entry and, when `out` is given, writes the
+// head text and then the records to it.
+uint32_t write_entry(text_file *out, const char *head, const DNS_SRV_RR_S *records, uint32_t count,
                      const uint32_t *ttls) {
-    if (!out.put(head)) {
+    if (out != nullptr && !out->put(head)) {
         return DNS_ERR_WRITE_FILE;
     }
     char line[line_buffer_size];
@@ -53,7 +46,7 @@ uint32_t write_entry(text_file &out, const char *head, const DNS_SRV_RR_S *recor
         if (ret != DNS_OK) {
             return ret;
         }
-        if (!out.put(line)) {
+        if (out != nullptr && !out->put(line)) {
             return DNS_ERR_WRITE_FILE;
         }
     }
@@ -68,18 +61,8 @@ uint32_t create_service_file(const char *name, uint32_t now, const DNS_SRV_RR_S 
                    static_cast<int>(vekdns::cache_default_max_time), name, now, count) < 0) {
         return DNS_ERR_RECORD_INVALID;
     }
-    text_file file(vekdns::srv_cache_path, "w");
-    if (!file.is_open()) {
-        return DNS_ERR_OPEN_FILE;
-    }
-    uint32_t ret = write_entry(file, text, records, count, ttls);
-    file.close();
-    if (ret != DNS_OK) {
-        (void)PAL_Remove(vekdns::srv_cache_path); // it did not exist before
-        return ret;
-    }
-    (void)vekdns::sys::chmod(vekdns::srv_cache_path, created_file_mode);
-    return DNS_OK;
+    return create_file(vekdns::srv_cache_path, created_file_mode, false,
+                       [&](text_file &file) { return write_entry(&file, text, records, count, ttls); });
 }
 
 uint32_t append_entry(const char *head, const DNS_SRV_RR_S *records, uint32_t count, const uint32_t *ttls) {
@@ -87,56 +70,39 @@ uint32_t append_entry(const char *head, const DNS_SRV_RR_S *records, uint32_t co
     if (!file.is_open()) {
         return DNS_ERR_OPEN_FILE;
     }
-    return write_entry(file, head, records, count, ttls);
+    return write_entry(&file, head, records, count, ttls);
 }
 
 // The file is full: the first entry with the smallest stamp is left out (head
 // and record lines) and the new entry is written at the end. `cache` stands
 // at the start.
-uint32_t replace_oldest_entry(text_file &cache, const char *head, const DNS_SRV_RR_S *records,
-                              uint32_t count, const uint32_t *ttls) {
-    // Every entry is a candidate, also one stamped in the current second: a
-    // full file always gives up its oldest entry, so the store is kept and
-    // the count stays at maxnumber. (Where an entry older than the current
-    // second exists, it is the one chosen anyway.)
-    char piece[line_buffer_size] = {};
-    uint64_t line_no = 0;
+uint32_t replace_oldest_entry(text_file &cache, const char *head, const DNS_SRV_RR_S *records, uint32_t count,
+                              const uint32_t *ttls) {
     uint64_t candidate = 0;
-    uint64_t smallest = UINT64_MAX;
-    while (cache.next_piece(piece)) {
-        if (++line_no < 3) {
-            continue;
-        }
-        line_words words(piece);
-        const char *first = words.next();
-        if (first == nullptr) {
-            return DNS_ERR_FILE_FORMAT;
-        }
-        if (is_record_line(first)) {
-            continue;
-        }
-        const char *stamp = words.next();
-        if (stamp == nullptr) {
-            return DNS_ERR_FILE_FORMAT;
-        }
-        uint32_t value = word_to_u32(stamp);
-        if (value < smallest) {
-            smallest = value;
-            candidate = line_no;
-        }
+    uint32_t ret = find_oldest_line(
+        cache,
+        [](line_words &words, const char *&stamp) {
+            const char *first = words.next();
+            if (first == nullptr) {
+                return false;
+            }
+            if (is_record_line(first)) {
+                return true; // no stamp on a record line
+            }
+            stamp = words.next();
+            return stamp != nullptr;
+        },
+        candidate);
+    if (ret != DNS_OK) {
+        return ret;
     }
-    if (!cache.ended() || !cache.rewind()) {
-        return DNS_ERR_SEEK_FILE;
-    }
-
-    temp_file_remover remover(srv_temp_path);
-    text_file temp(srv_temp_path, "w");
-    if (!temp.is_open()) {
+    temp_rewrite temp(srv_temp_path);
+    if (!temp.open()) {
         return DNS_ERR_OPEN_FILE;
     }
-    remover.arm();
+    char piece[line_buffer_size] = {};
     bool leaving_out = false;
-    line_no = 0;
+    uint64_t line_no = 0;
     while (cache.next_piece(piece)) {
         if (++line_no >= 3) {
             line_words words(piece);
@@ -148,7 +114,7 @@ uint32_t replace_oldest_entry(text_file &cache, const char *head, const DNS_SRV_
         if (leaving_out) {
             continue;
         }
-        if (!temp.put(piece)) {
+        if (!temp.out.put(piece)) {
             return DNS_ERR_WRITE_FILE;
         }
     }
@@ -158,16 +124,12 @@ uint32_t replace_oldest_entry(text_file &cache, const char *head, const DNS_SRV_
     // No candidate: the file holds no entry at all (maxnumber 0), and the
     // new entry is not kept either.
     if (candidate != 0) {
-        uint32_t ret = write_entry(temp, head, records, count, ttls);
+        ret = write_entry(&temp.out, head, records, count, ttls);
         if (ret != DNS_OK) {
             return ret;
         }
     }
-    cache.close();
-    temp.close();
-    uint32_t copied = DNS_CopyOneFileToAnother(srv_temp_path, vekdns::srv_cache_path);
-    remover.remove_now();
-    return copied == DNS_OK ? DNS_OK : DNS_ERR_COPY_FILE;
+    return temp.commit(cache, vekdns::srv_cache_path);
 }
 
 // Passes over one entry: reads lines up to the next entry head, which is left
@@ -199,15 +161,10 @@ bool entry_is_live(uint64_t head_line, uint32_t examine, uint32_t stamp, uint32_
         return true;
     }
     text_file second(vekdns::srv_cache_path, "r");
-    if (!second.is_open()) {
+    if (!second.is_open() || !second.skip(head_line)) {
         return false;
     }
     char piece[line_buffer_size] = {};
-    for (uint64_t i = 0; i < head_line; ++i) {
-        if (!second.next_piece(piece)) {
-            return false;
-        }
-    }
     const uint32_t age = now - stamp;
     for (uint32_t i = 0; i < examine; ++i) {
         uint32_t ttl = 0;
@@ -225,15 +182,10 @@ bool entry_is_live(uint64_t head_line, uint32_t examine, uint32_t stamp, uint32_
 // Reads the `count` records of the entry whose head is at `head_line` into
 // the caller's array.
 uint32_t DNS_SrvCacheFindRecond(text_file &cache, uint64_t head_line, uint32_t count, DNS_SRV_RR_S *out) {
-    if (!cache.rewind()) {
+    if (!cache.rewind() || !cache.skip(head_line)) {
         return DNS_ERR_SEEK_FILE;
     }
     char piece[line_buffer_size] = {};
-    for (uint64_t i = 0; i < head_line; ++i) {
-        if (!cache.next_piece(piece)) {
-            return DNS_ERR_SEEK_FILE;
-        }
-    }
     for (uint32_t i = 0; i < count; ++i) {
         if (!cache.next_piece(piece)) {
             return DNS_ERR_SEEK_FILE;
@@ -248,7 +200,8 @@ uint32_t DNS_SrvCacheFindRecond(text_file &cache, uint64_t head_line, uint32_t c
 
 } // namespace
 
-uint32_t DNS_SrvCacheGetInfo(text_file &file, uint32_t *pulMaxNum, uint32_t *pulMaxTime, uint32_t *pulRecordNum) {
+uint32_t DNS_SrvCacheGetInfo(text_file &file, uint32_t *pulMaxNum, uint32_t *pulMaxTime,
+                             uint32_t *pulRecordNum) {
     char piece[line_buffer_size] = {};
     uint64_t heads = 0;
     while (file.next_piece(piece)) {
@@ -263,16 +216,8 @@ uint32_t DNS_SrvCacheGetInfo(text_file &file, uint32_t *pulMaxNum, uint32_t *pul
         if (++heads > 2) {
             continue;
         }
-        const bool is_number = word_is(first, "maxnumber");
-        if (is_number || word_is(first, "maxtime")) {
-            const char *value = words.next();
-            if (value == nullptr) {
-                return DNS_ERR_FILE_FORMAT;
-            }
-            uint32_t *out = is_number ? pulMaxNum : pulMaxTime;
-            if (out != nullptr) {
-                *out = word_to_u32(value);
-            }
+        if (!read_parameter(first, words, pulMaxNum, pulMaxTime)) {
+            return DNS_ERR_FILE_FORMAT;
         }
     }
     if (!file.ended()) {
@@ -299,8 +244,7 @@ uint32_t DNS_SrvCacheFormatTarget(const DNS_SRV_RR_S *pstSrvRR, char *pszBuf, ui
     }
     // The caller's target need not be terminated within its 256 bytes.
     const size_t target_len = strnlen(pstSrvRR->szTarget, target_size);
-    if (target_len == target_size ||
-        target_len + std::strlen(address) + record_overhead > line_buffer_size) {
+    if (target_len == target_size || target_len + std::strlen(address) + record_overhead > line_buffer_size) {
         return DNS_ERR_RECORD_INVALID;
     }
     (void)memset_s(pszBuf, line_buffer_size, 0, line_buffer_size);
@@ -331,10 +275,7 @@ uint32_t DNS_SrvCacheReadTarget(const char *pszLine, DNS_SRV_RR_S *pstSrvRR, uin
     // address, time to live.
     DNS_SRV_RR_S record;
     std::memset(&record, 0, sizeof(record));
-    errno_t err = strcpy_s(record.szTarget, sizeof(record.szTarget), fields[1]);
-    if (err != 0) {
-        DNS_LOG(3, "secure func return fail! err = %d", err);
-    }
+    copy_text(record.szTarget, fields[1]);
     record.usPriority = static_cast<uint16_t>(word_to_u32(fields[2]));
     record.usWeight = static_cast<uint16_t>(word_to_u32(fields[3]));
     record.usPort = static_cast<uint16_t>(word_to_u32(fields[4]));
@@ -367,12 +308,9 @@ VEK_DNS_API uint32_t DNS_SetSrvToFileCache(const char *pszName, const DNS_SRV_RR
     if (!format_head(head, pszName, now, ulSrvNum)) {
         return DNS_ERR_RECORD_INVALID;
     }
-    char line[line_buffer_size];
-    for (uint32_t i = 0; i < ulSrvNum; ++i) {
-        uint32_t ret = DNS_SrvCacheFormatTarget(&pstSrvRR[i], line, pulTtl[i]);
-        if (ret != DNS_OK) {
-            return ret;
-        }
+    uint32_t ret = write_entry(nullptr, head, pstSrvRR, ulSrvNum, pulTtl);
+    if (ret != DNS_OK) {
+        return ret;
     }
     if (PAL_Access(vekdns::srv_cache_path, 0) == -1) {
         return create_service_file(pszName, now, pstSrvRR, ulSrvNum, pulTtl);
@@ -384,7 +322,7 @@ VEK_DNS_API uint32_t DNS_SetSrvToFileCache(const char *pszName, const DNS_SRV_RR
     uint32_t max_number = 0;
     uint32_t max_time = 0;
     uint32_t entries = 0;
-    uint32_t ret = DNS_SrvCacheGetInfo(cache, &max_number, &max_time, &entries);
+    ret = DNS_SrvCacheGetInfo(cache, &max_number, &max_time, &entries);
     if (ret != DNS_OK) {
         return ret;
     }
@@ -401,7 +339,8 @@ VEK_DNS_API uint32_t DNS_SetSrvToFileCache(const char *pszName, const DNS_SRV_RR
     return replace_oldest_entry(cache, head, pstSrvRR, ulSrvNum, pulTtl);
 }
 
-VEK_DNS_API uint32_t DNS_GetSrvFromFileCache(const char *pszName, DNS_SRV_RR_S *pstSrvRR, uint32_t *pulSrvNum) {
+VEK_DNS_API uint32_t DNS_GetSrvFromFileCache(const char *pszName, DNS_SRV_RR_S *pstSrvRR,
+                                             uint32_t *pulSrvNum) {
     DNS_LOG(6, "Entern DNS_GetSrvFromFileCache ");
     if (pstSrvRR == nullptr || pszName == nullptr || pulSrvNum == nullptr) {
         DNS_LOG(3, "DNS_GetSrvFromFileCache param is null");
@@ -412,13 +351,11 @@ VEK_DNS_API uint32_t DNS_GetSrvFromFileCache(const char *pszName, DNS_SRV_RR_S *
         DNS_LOG(3, "DNS_GetSrvFromFileCache open file: %s failed", vekdns::srv_cache_path);
         return DNS_ERR_OPEN_FILE;
     }
-    temp_file_remover remover(srv_temp_path);
-    text_file temp(srv_temp_path, "w");
-    if (!temp.is_open()) {
+    temp_rewrite temp(srv_temp_path);
+    if (!temp.open()) {
         DNS_LOG(3, "DNS_GetSrvFromFileCache open file: %s failed", srv_temp_path);
         return DNS_ERR_OPEN_FILE;
     }
-    remover.arm();
     uint32_t max_number = 0;
     uint32_t max_time = 0;
     uint32_t entries = 0;
@@ -491,7 +428,7 @@ VEK_DNS_API uint32_t DNS_GetSrvFromFileCache(const char *pszName, DNS_SRV_RR_S *
                 }
             }
         }
-        if (!temp.put(piece)) {
+        if (!temp.out.put(piece)) {
             return DNS_ERR_WRITE_FILE;
         }
         advance();
@@ -507,11 +444,7 @@ VEK_DNS_API uint32_t DNS_GetSrvFromFileCache(const char *pszName, DNS_SRV_RR_S *
         }
         *pulSrvNum = found_count;
     }
-    cache.close();
-    temp.close();
-    uint32_t copied = DNS_CopyOneFileToAnother(srv_temp_path, vekdns::srv_cache_path);
-    remover.remove_now();
-    if (copied != DNS_OK) {
+    if (temp.commit(cache, vekdns::srv_cache_path) != DNS_OK) {
         DNS_LOG(3, "DNS_GetSrvFromFileCache DNS_CopyOneFileToAnother failed");
         return DNS_ERR_COPY_FILE;
     }

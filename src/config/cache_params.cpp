@@ -2,55 +2,28 @@
 // cache file.
 #include "config/cache_params.h"
 
-#include "base/secure.h"
-#include "base/sys.h"
 #include "cache/text_file.h"
-#include "vek_dns_ops.h"
-#include "vek_os_adapter.h"
 
-using vekdns::detail::line_buffer_size;
-using vekdns::detail::line_format_limit;
-using vekdns::detail::line_words;
-using vekdns::detail::temp_file_remover;
-using vekdns::detail::text_file;
-using vekdns::detail::word_is;
-using vekdns::detail::word_to_u32;
+using namespace vekdns::detail;
 
 namespace {
 
 constexpr mode_t created_file_mode = 0640;
 
-// Formats one parameter line; a cut line is logged and used as it is.
-void format_parameter(char (&line)[line_buffer_size], const char *format, uint32_t value) {
-    (void)memset_s(line, sizeof(line), 0, sizeof(line));
-    int len = snprintf_s(line, sizeof(line), line_format_limit, format, value);
-    if (len < 0) {
-        DNS_LOG(3, "secure func return fail! lLen = %d", len);
-    }
+// Formats "maxnumber %u\n" or "maxtime %u\n" into `line` and returns it.
+const char *parameter_line(char (&line)[line_buffer_size], bool is_number, uint32_t value) {
+    (void)format_line(line, is_number ? "maxnumber %u\n" : "maxtime %u\n", value);
+    return line;
 }
 
 uint32_t create_with_parameters(const char *path, uint32_t number, uint32_t time) {
-    text_file file(path, "w");
-    if (!file.is_open()) {
-        DNS_LOG(2, "open file failed!\r\n");
-        return DNS_ERR_OPEN_FILE;
-    }
-    char line[line_buffer_size];
-    format_parameter(line, "maxnumber %u\n", number);
-    bool written = file.put(line);
-    if (written) {
-        format_parameter(line, "maxtime %u\n", time);
-        written = file.put(line);
-    }
-    file.close();
-    if (!written) {
-        // The file did not exist before: do not leave half of it behind.
-        (void)PAL_Remove(path);
-        DNS_LOG(2, "write cache file failed!\r\n");
-        return DNS_ERR_WRITE_FILE;
-    }
-    (void)vekdns::sys::chmod(path, created_file_mode);
-    return DNS_OK;
+    return create_file(path, created_file_mode, true, [&](text_file &file) {
+        char line[line_buffer_size];
+        // The second line is not attempted after a failed first one.
+        const bool written =
+            file.put(parameter_line(line, true, number)) && file.put(parameter_line(line, false, time));
+        return written ? DNS_OK : DNS_ERR_WRITE_FILE;
+    });
 }
 
 // Replaces every piece whose first word is "maxnumber" or "maxtime" and keeps
@@ -58,16 +31,12 @@ uint32_t create_with_parameters(const char *path, uint32_t number, uint32_t time
 uint32_t rewrite_parameters(const char *path, uint32_t number, uint32_t time) {
     text_file cache(path, "r");
     if (!cache.is_open()) {
-        DNS_LOG(2, "open file failed!\r\n");
-        return DNS_ERR_OPEN_FILE;
+        return open_failed();
     }
-    temp_file_remover remover(vekdns::resolv_temp_path);
-    text_file temp(vekdns::resolv_temp_path, "w");
-    if (!temp.is_open()) {
-        DNS_LOG(2, "open file failed!\r\n");
-        return DNS_ERR_OPEN_FILE;
+    temp_rewrite temp(vekdns::resolv_temp_path);
+    if (!temp.open()) {
+        return open_failed();
     }
-    remover.arm();
 
     char piece[line_buffer_size] = {};
     char formatted[line_buffer_size];
@@ -77,15 +46,12 @@ uint32_t rewrite_parameters(const char *path, uint32_t number, uint32_t time) {
         if (first == nullptr) {
             return DNS_ERR_FILE_FORMAT;
         }
+        const bool is_number = word_is(first, "maxnumber");
         const char *out = piece;
-        if (word_is(first, "maxnumber")) {
-            format_parameter(formatted, "maxnumber %u\n", number);
-            out = formatted;
-        } else if (word_is(first, "maxtime")) {
-            format_parameter(formatted, "maxtime %u\n", time);
-            out = formatted;
+        if (is_number || word_is(first, "maxtime")) {
+            out = parameter_line(formatted, is_number, is_number ? number : time);
         }
-        if (!temp.put(out)) {
+        if (!temp.out.put(out)) {
             DNS_LOG(2, "write temp file failed!\r\n");
             return DNS_ERR_WRITE_FILE;
         }
@@ -93,11 +59,7 @@ uint32_t rewrite_parameters(const char *path, uint32_t number, uint32_t time) {
     if (!cache.ended()) {
         return DNS_ERR_SEEK_FILE; // read stopped early: keep the file as it is
     }
-    cache.close();
-    temp.close();
-    uint32_t copied = DNS_CopyOneFileToAnother(vekdns::resolv_temp_path, path);
-    remover.remove_now();
-    return copied == DNS_OK ? DNS_OK : DNS_ERR_COPY_FILE;
+    return temp.commit(cache, path);
 }
 
 } // namespace
@@ -132,8 +94,7 @@ uint32_t DNS_GetCache(uint32_t *pulRecordNum, uint32_t *pulTime) {
     }
     text_file cache(vekdns::ipv4_cache_path, "r");
     if (!cache.is_open()) {
-        DNS_LOG(2, "open file failed!\r\n");
-        return DNS_ERR_OPEN_FILE;
+        return open_failed();
     }
     // Success needs a "maxtime" line among the first two lines; a "maxnumber"
     // line counts only before it (and its value stays stored on failure).
@@ -147,22 +108,10 @@ uint32_t DNS_GetCache(uint32_t *pulRecordNum, uint32_t *pulTime) {
         if (first == nullptr) {
             return DNS_ERR_FILE_FORMAT;
         }
-        if (word_is(first, "maxnumber")) {
-            const char *value = words.next();
-            if (value == nullptr) {
-                return DNS_ERR_FILE_FORMAT;
-            }
-            if (pulRecordNum != nullptr) {
-                *pulRecordNum = word_to_u32(value);
-            }
-        } else if (word_is(first, "maxtime")) {
-            const char *value = words.next();
-            if (value == nullptr) {
-                return DNS_ERR_FILE_FORMAT;
-            }
-            if (pulTime != nullptr) {
-                *pulTime = word_to_u32(value);
-            }
+        if (!read_parameter(first, words, pulRecordNum, pulTime)) {
+            return DNS_ERR_FILE_FORMAT;
+        }
+        if (word_is(first, "maxtime")) {
             return DNS_OK;
         }
     }

@@ -3,19 +3,11 @@
 #include <arpa/inet.h>
 #include <cstring>
 
-#include "base/secure.h"
 #include "base/sem_guard.h"
 #include "cache/text_file.h"
 #include "config/cache_params.h"
-#include "vek_dns_ops.h"
-#include "vek_os_adapter.h"
 
-using vekdns::detail::line_buffer_size;
-using vekdns::detail::line_format_limit;
-using vekdns::detail::line_words;
-using vekdns::detail::temp_file_remover;
-using vekdns::detail::text_file;
-using vekdns::detail::word_is;
+using namespace vekdns::detail;
 
 namespace {
 
@@ -35,28 +27,12 @@ bool is_empty_server(const DNS_SERVER_S *server) {
     return false;
 }
 
-// Formats "nameserver <address>\n" (with a leading line feed when asked).
-void format_server_line(char (&line)[line_buffer_size], const char *address, bool leading_newline) {
-    (void)memset_s(line, sizeof(line), 0, sizeof(line));
-    int len = snprintf_s(line, sizeof(line), line_format_limit,
-                         leading_newline ? "\nnameserver %s\n" : "nameserver %s\n", address);
-    if (len < 0) {
-        DNS_LOG(3, "secure func return fail! lLen = %d", len);
-    }
-}
-
 // The rewrite counts a line only when it starts with the keyword itself and
 // a blank follows it: no leading blanks, no tab, not the keyword alone with
 // its line feed.
 bool rewrite_sees_server_line(const char *piece) {
-    char work[line_buffer_size] = {};
-    errno_t err = strcpy_s(work, sizeof(work), piece);
-    if (err != 0) {
-        DNS_LOG(3, "secure func return fail! err = %d", err);
-    }
-    char *ctx = nullptr;
-    (void)strtok_s(work, " ", &ctx);
-    return PAL_StrCmp(work, "nameserver") == 0;
+    line_words words(piece);
+    return piece[0] != ' ' && word_is(words.next(), "nameserver");
 }
 
 // Address text of a server: empty for the empty IPv4 server. False when the
@@ -70,10 +46,7 @@ bool server_address_text(const DNS_SERVER_S *server, char (&text)[address_text_s
         if (PAL_Inet_Ntop(AF_INET, &server->unIpAddr.ulIpv4, dotted, sizeof(dotted)) == nullptr) {
             return false;
         }
-        errno_t err = strcpy_s(text, sizeof(text), dotted);
-        if (err != 0) {
-            DNS_LOG(3, "secure func return fail! err = %d", err);
-        }
+        copy_text(text, dotted);
         return true;
     }
     return PAL_Inet_Ntop(AF_INET6, server->unIpAddr.aucIpv6, text, sizeof(text)) != nullptr;
@@ -190,17 +163,14 @@ VEK_DNS_API uint32_t DNS_SetServer(uint32_t ulIndex, const DNS_SERVER_S *pstServ
     const bool drop = (pstServer->ulType == DNS_IP_TYPE_IPV4 && pstServer->unIpAddr.ulIpv4 == 0) ||
                       PAL_StrCmp(address, "::") == 0;
 
-    temp_file_remover remover(vekdns::resolv_temp_path);
-    text_file temp(vekdns::resolv_temp_path, "w");
-    if (!temp.is_open()) {
+    temp_rewrite temp(vekdns::resolv_temp_path);
+    if (!temp.open()) {
         DNS_LOG(2, "open or create temp file failed!\r\n");
         return DNS_ERR_OPEN_FILE;
     }
-    remover.arm();
     text_file conf(resolv_conf_path, "r");
     if (!conf.is_open()) {
-        DNS_LOG(2, "open file failed!\r\n");
-        return DNS_ERR_OPEN_FILE;
+        return open_failed();
     }
 
     uint32_t counter = 0;
@@ -213,7 +183,7 @@ VEK_DNS_API uint32_t DNS_SetServer(uint32_t ulIndex, const DNS_SERVER_S *pstServ
                 if (drop) {
                     out = nullptr;
                 } else {
-                    format_server_line(line, address, false);
+                    (void)format_line(line, "nameserver %s\n", address);
                     out = line;
                 }
             }
@@ -221,7 +191,7 @@ VEK_DNS_API uint32_t DNS_SetServer(uint32_t ulIndex, const DNS_SERVER_S *pstServ
         if (out == nullptr) {
             continue;
         }
-        if (!temp.put(out)) {
+        if (!temp.out.put(out)) {
             DNS_LOG(2, "write temp file failed!\r\n");
             return DNS_ERR_WRITE_FILE;
         }
@@ -234,17 +204,13 @@ VEK_DNS_API uint32_t DNS_SetServer(uint32_t ulIndex, const DNS_SERVER_S *pstServ
         return DNS_ERR_SEEK_FILE; // read stopped early: keep the file as it is
     }
     if (!drop && counter < ulIndex) {
-        format_server_line(line, address, !last_ended_with_newline);
-        if (!temp.put(line)) {
+        (void)format_line(line, last_ended_with_newline ? "nameserver %s\n" : "\nnameserver %s\n", address);
+        if (!temp.out.put(line)) {
             DNS_LOG(2, "write temp file failed!\r\n");
             return DNS_ERR_WRITE_FILE;
         }
     }
-    conf.close();
-    temp.close();
-    uint32_t copied = DNS_CopyOneFileToAnother(vekdns::resolv_temp_path, resolv_conf_path);
-    remover.remove_now();
-    return copied == DNS_OK ? DNS_OK : DNS_ERR_COPY_FILE;
+    return temp.commit(conf, resolv_conf_path);
 }
 
 VEK_DNS_API uint32_t DNS_GetServer(uint32_t ulIndex, DNS_SERVER_S *pstServer) {
@@ -254,8 +220,7 @@ VEK_DNS_API uint32_t DNS_GetServer(uint32_t ulIndex, DNS_SERVER_S *pstServer) {
     }
     text_file conf(resolv_conf_path, "r");
     if (!conf.is_open()) {
-        DNS_LOG(2, "open file failed!\r\n");
-        return DNS_ERR_OPEN_FILE;
+        return open_failed();
     }
     char piece[line_buffer_size] = {};
     uint32_t counter = 0;
@@ -274,10 +239,7 @@ VEK_DNS_API uint32_t DNS_GetServer(uint32_t ulIndex, DNS_SERVER_S *pstServer) {
             return DNS_ERR_FILE_FORMAT;
         }
         char address[address_text_size] = {};
-        errno_t err = strcpy_s(address, sizeof(address), token);
-        if (err != 0) {
-            DNS_LOG(3, "secure func return fail! err = %d", err);
-        }
+        copy_text(address, token);
         size_t len = std::strlen(address);
         if (len != 0 && address[len - 1] == '\n') {
             address[len - 1] = '\0';
