@@ -19,9 +19,6 @@ constexpr int32_t syn_timeout_sec = 3;
 constexpr int inet6_family = 10; // AF_INET6, as the adapter takes it
 constexpr uint32_t ip_text_size = sizeof(DNS_IPADDR_STR_S::acIpAddr);
 
-inline bool log_on(uint32_t level) {
-    return __atomic_load_n(&g_ulDnsLogLevel, __ATOMIC_RELAXED) >= level;
-}
 
 void log_secure_failure(errno_t err) {
     if (err != 0) {
@@ -292,11 +289,9 @@ VEK_DNS_API uint32_t ORV_NETB_DnsGetIpByAsynResolve(const char *pszHostName, uin
     (void)memset_s(v6_list, sizeof(v6_list), 0, sizeof(v6_list));
     uint32_t main_count = 0;
     uint32_t v6_count = 0;
-    if (log_on(5)) {
-        DNS_LOG(5, "Get Dns Ip By Asynchronous Resolve");
-        DNS_LOG(5, "ulSearchType: %d, ulTimeOutSec: %d", static_cast<int>(ulSearchType),
-                static_cast<int>(ulTimeOutSec));
-    }
+    DNS_LOG(5, "Get Dns Ip By Asynchronous Resolve");
+    DNS_LOG(5, "ulSearchType: %d, ulTimeOutSec: %d", static_cast<int>(ulSearchType),
+            static_cast<int>(ulTimeOutSec));
     if (pszHostName == nullptr || pfnCallback == nullptr || ulTimeOutSec < 0 ||
         ulSearchType > DNS_SEARCH_TYPE_BOTH) {
         DNS_LOG(2, "inputting parameter error!\r\n");

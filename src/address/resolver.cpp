@@ -230,9 +230,7 @@ VEK_DNS_API uint32_t DNS_Resolve(const DNS_HOSTNAME_S *pstHostName, DNS_IPADDR_S
             return ret;
         }
     }
-    if (vekdns::detail::log_enabled(6)) {
-        DNS_LOG(6, "stServer.ulDnsServers : %d", rec->ulDnsServers);
-    }
+    DNS_LOG(6, "stServer.ulDnsServers : %d", rec->ulDnsServers);
 
     const uint32_t capacity = *pulCount;
     const char *name = pstHostName->pszName;
@@ -263,10 +261,8 @@ VEK_DNS_API uint32_t DNS_Resolve(const DNS_HOSTNAME_S *pstHostName, DNS_IPADDR_S
             }
             result = DNS_Query(buf, static_cast<uint32_t>(std::strlen(buf)), &server,
                                pstHostName->ulType, sock.ptr());
-            if (vekdns::detail::log_enabled(6)) {
-                DNS_LOG(6, "DNS_Query  lRet: %x lFdSock:%d, LastErr = %d, LastSocketErr = %d", result,
-                        sock.fd(), PAL_GetLastErr(), PAL_GetLastSocketErr());
-            }
+            DNS_LOG(6, "DNS_Query  lRet: %x lFdSock:%d, LastErr = %d, LastSocketErr = %d", result,
+                    sock.fd(), PAL_GetLastErr(), PAL_GetLastSocketErr());
             if (!sock.is_open() || result != DNS_OK) {
                 break; // this server cannot be asked: go on with the next one
             }
@@ -276,9 +272,7 @@ VEK_DNS_API uint32_t DNS_Resolve(const DNS_HOSTNAME_S *pstHostName, DNS_IPADDR_S
                 continue;
             }
             const uint32_t rd = DNS_Read(sock.fd(), pstIpAddr, &found, capacity, pulTtl);
-            if (vekdns::detail::log_enabled(6)) {
-                DNS_LOG(6, "DNS_Read lFdSock:%d ulRet: %x pulCount:%u", sock.fd(), rd, found);
-            }
+            DNS_LOG(6, "DNS_Read lFdSock:%d ulRet: %x pulCount:%u", sock.fd(), rd, found);
             result = rd == 1 ? DNS_ERR_PARSE_ANSWER : DNS_OK;
             sock.close();
         }

@@ -228,12 +228,10 @@ VEK_DNS_API uint32_t DNS_Query(char *pszName, uint32_t ulNameLen, const DNS_IPAD
     if (pszName == nullptr || pstServer == nullptr || plSock == nullptr) {
         return DNS_ERR_PARA_INVALID;
     }
-    if (vekdns::detail::log_enabled(6)) {
-        DNS_LOG(6, "Entren DNS_Query");
-        DNS_LOG(6, "DNS_Query pszName: %s", pszName);
-        DNS_LOG(6, "DNS_Query ulType: %d", ulType);
-        DNS_LOG(6, "DNS_Query DnsSvr: %x", pstServer->unIpAddr.ulIpv4);
-    }
+    DNS_LOG(6, "Entren DNS_Query");
+    DNS_LOG(6, "DNS_Query pszName: %s", pszName);
+    DNS_LOG(6, "DNS_Query ulType: %d", ulType);
+    DNS_LOG(6, "DNS_Query DnsSvr: %x", pstServer->unIpAddr.ulIpv4);
     uint32_t ret = DNS_CreatSocketAndConnect(plSock, pstServer);
     if (ret != DNS_OK) {
         DNS_LOG(3, "DNS_CreatSocketAndConnect failed lRet: %x", ret);

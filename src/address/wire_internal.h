@@ -22,10 +22,4 @@ inline constexpr std::size_t reply_max_len = reply_buffer_size - 1;
 uint32_t take_reply(std::span<const uint8_t> reply, DNS_IPADDR_S *addrs, uint32_t *count,
                     uint32_t capacity, uint32_t *ttls);
 
-// Detail lines (level 6) are checked here first, so that the common case
-// costs one load instead of a call that clears a 4 KB line buffer.
-inline bool log_enabled(uint32_t level) {
-    return __atomic_load_n(&g_ulDnsLogLevel, __ATOMIC_RELAXED) >= level;
-}
-
 } // namespace vekdns::detail

@@ -19,12 +19,6 @@ constexpr uint32_t default_max_number = 32;
 constexpr uint32_t default_max_time = 86400; // one day
 constexpr uint32_t ttl_use_max_time = 0xFFFFFFFFu;
 
-// The level test first: the hot look-up path then costs one load per line that
-// is filtered out.
-inline bool log_on(uint32_t level) {
-    return __atomic_load_n(&g_ulDnsLogLevel, __ATOMIC_RELAXED) >= level;
-}
-
 inline uint32_t age_limit(const DNS_CACHE_HEAD_S *head, uint32_t ttl) {
     return ttl == ttl_use_max_time ? head->ulMaxTime : ttl;
 }
@@ -318,9 +312,7 @@ VEK_DNS_API uint32_t DNS_SetIpToMemCache(const char *pszName, uint32_t ulTtl, DN
 
 VEK_DNS_API uint32_t DNS_GetIpFromMemCache(const char *pszName, DNS_IPADDR_S *pstIpAddr,
                                            uint32_t *pulNum) {
-    if (log_on(5)) {
-        DNS_LOG(5, "DNS Get Ip From MemCache");
-    }
+    DNS_LOG(5, "DNS Get Ip From MemCache");
     if (pszName == nullptr || pstIpAddr == nullptr || pulNum == nullptr) {
         DNS_LOG(3, "DNS_GetIpFromMemCache param is null");
         return DNS_ERR_PARA_INVALID;
@@ -378,9 +370,7 @@ VEK_DNS_API uint32_t DNS_SetSrvToMemCache(const char *pszName, const DNS_SRV_RR_
 
 VEK_DNS_API uint32_t DNS_GetSrvFromMemCache(const char *pszName, DNS_SRV_RR_S *pstSrvRR,
                                             uint32_t *pulSrvNum) {
-    if (log_on(5)) {
-        DNS_LOG(5, "DNS Get Srv From MemCache ");
-    }
+    DNS_LOG(5, "DNS Get Srv From MemCache ");
     if (pszName == nullptr || pstSrvRR == nullptr || pulSrvNum == nullptr) {
         DNS_LOG(3, "DNS_GetSrvFromMemCache param is invalid");
         return DNS_ERR_PARA_INVALID;
