@@ -130,6 +130,7 @@ int report_failure(output &out, nlohmann::json &into, const std::string &what, u
     std::snprintf(value, sizeof(value), "0x%08X", code);
     into["error"] = {{"name", result_name(code)}, {"code", code}, {"kind", miss ? "not found" : "failed"}};
     if (!out.json) {
+        std::fflush(stdout); // keeps answers and failures in order on a shared pipe
         std::fprintf(stderr, "%s: %s: %s (%s)\n", what.c_str(), miss ? "not found" : "failed",
                      result_name(code), value);
     }
