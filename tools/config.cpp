@@ -63,7 +63,9 @@ int cache_limits(output &out, bool set, uint32_t number, uint32_t seconds) {
     return exit_found;
 }
 
-std::string ttl_text(uint32_t ttl) { return ttl == ttl_max_time ? "maxtime" : std::to_string(ttl); }
+std::string ttl_text(uint32_t ttl) {
+    return ttl == ttl_max_time ? "maxtime" : std::to_string(ttl);
+}
 
 int get_addresses(output &out, const std::string &name, uint32_t family) {
     DNS_IPADDR_S addrs[DNS_MAX_IP_NUM] = {};
@@ -91,8 +93,10 @@ int get_services(output &out, const std::string &name) {
     }
     for (uint32_t i = 0; i < count && i < records.size(); i++) {
         const DNS_SRV_RR_S &rr = records[i];
-        out.doc["records"].push_back({{"priority", rr.usPriority}, {"weight", rr.usWeight},
-                                      {"port", rr.usPort}, {"target", rr.szTarget},
+        out.doc["records"].push_back({{"priority", rr.usPriority},
+                                      {"weight", rr.usWeight},
+                                      {"port", rr.usPort},
+                                      {"target", rr.szTarget},
                                       {"address", address_text(rr.stAddr)}});
         char line[400];
         std::snprintf(line, sizeof(line), "%s priority %u weight %u port %u target %s address %s",
@@ -164,7 +168,9 @@ void add_servers(CLI::App &app, output &out, runner &run) {
     auto *cmd = app.add_subcommand("servers", "Show the name servers, or set them with 'servers set'");
     auto *set = cmd->add_subcommand("set", "Replace the first two nameserver lines of /etc/resolv.conf");
     auto addrs = std::make_shared<std::vector<std::string>>();
-    set->add_option("ADDR", *addrs, "one or two server addresses")->required()->expected(1, 2)
+    set->add_option("ADDR", *addrs, "one or two server addresses")
+        ->required()
+        ->expected(1, 2)
         ->check(address_literal);
     cmd->callback([&out, &run, set, addrs] {
         run = set->parsed() ? runner([&out, addrs] { return set_servers(out, *addrs); })
@@ -196,10 +202,10 @@ void add_filecache(CLI::App &app, output &out, runner &run) {
     get->add_option("NAME", lookup->second, "name of the entry")->required();
     get->callback([&out, &run, lookup] {
         run = [&out, lookup] {
-            return lookup->first == "srv" ? get_services(out, lookup->second)
-                                          : get_addresses(out, lookup->second,
-                                                          lookup->first == "aaaa" ? DNS_IP_TYPE_IPV6
-                                                                                  : DNS_IP_TYPE_IPV4);
+            return lookup->first == "srv"
+                       ? get_services(out, lookup->second)
+                       : get_addresses(out, lookup->second,
+                                       lookup->first == "aaaa" ? DNS_IP_TYPE_IPV6 : DNS_IP_TYPE_IPV4);
         };
     });
     auto *set = cmd->add_subcommand("set", "Store one entry: a|aaaa NAME ADDR, or srv NAME TARGET PORT");

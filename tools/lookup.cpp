@@ -123,8 +123,8 @@ int lookup_one(output &out, const std::string &name, uint32_t type, bool async) 
     for (const auto &addr : addrs) {
         const cached_address *entry = find_entry(after, addr);
         const bool cached = find_entry(before, addr) != nullptr;
-        nlohmann::json row = {{"family", family_name(addr.ulType)}, {"address", address_text(addr)},
-                              {"cached", cached}};
+        nlohmann::json row = {
+            {"family", family_name(addr.ulType)}, {"address", address_text(addr)}, {"cached", cached}};
         std::string line = name + " has " + family_name(addr.ulType) + " address " + address_text(addr);
         if (entry != nullptr) {
             row["ttl"] = entry->ttl_left;
@@ -158,8 +158,8 @@ void add_lookup(CLI::App &app, output &out, runner &run) {
     cmd->callback([&out, &run, opt] {
         run = [&out, opt] {
             const uint32_t type = opt->v4 == opt->v6 ? DNS_SEARCH_TYPE_BOTH
-                                  : opt->v4         ? DNS_SEARCH_TYPE_A
-                                                    : DNS_SEARCH_TYPE_AAAA;
+                                  : opt->v4          ? DNS_SEARCH_TYPE_A
+                                                     : DNS_SEARCH_TYPE_AAAA;
             out.doc["lookups"] = nlohmann::json::array();
             int worst = exit_found;
             for (const auto &name : opt->names) {

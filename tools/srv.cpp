@@ -12,8 +12,8 @@ int lookup_service(output &out, const std::string &service, const std::string &p
                    const std::string &domain) {
     std::vector<DNS_SRV_RR_STR_S> records(64);
     uint32_t count = static_cast<uint32_t>(records.size());
-    const uint32_t ret = vek_dns_get_srv_resolve_syn(service.c_str(), proto.c_str(), domain.c_str(),
-                                                     records.data(), &count);
+    const uint32_t ret =
+        vek_dns_get_srv_resolve_syn(service.c_str(), proto.c_str(), domain.c_str(), records.data(), &count);
     const std::string what = "_" + service + "._" + proto + "." + domain;
     out.doc = {{"service", what}, {"records", nlohmann::json::array()}};
     if (ret != DNS_OK || count == 0) {
@@ -21,9 +21,12 @@ int lookup_service(output &out, const std::string &service, const std::string &p
     }
     for (uint32_t i = 0; i < count && i < records.size(); i++) {
         const DNS_SRV_RR_STR_S &rr = records[i];
-        out.doc["records"].push_back({{"priority", rr.usPriority}, {"weight", rr.usWeight},
-                                      {"port", rr.usPort}, {"target", rr.szTarget},
-                                      {"family", family_name(rr.ulType)}, {"address", rr.acIpAddr}});
+        out.doc["records"].push_back({{"priority", rr.usPriority},
+                                      {"weight", rr.usWeight},
+                                      {"port", rr.usPort},
+                                      {"target", rr.szTarget},
+                                      {"family", family_name(rr.ulType)},
+                                      {"address", rr.acIpAddr}});
         if (!out.json) {
             std::printf("%s priority %u weight %u port %u target %s address %s\n", what.c_str(),
                         rr.usPriority, rr.usWeight, rr.usPort, rr.szTarget, rr.acIpAddr);
@@ -42,7 +45,9 @@ void add_srv(CLI::App &app, output &out, runner &run) {
         ->expected(3);
     cmd->callback([&out, &run, args] {
         run = [&out, args] {
-            auto bare = [](const std::string &label) { return label.rfind('_', 0) == 0 ? label.substr(1) : label; };
+            auto bare = [](const std::string &label) {
+                return label.rfind('_', 0) == 0 ? label.substr(1) : label;
+            };
             return lookup_service(out, bare((*args)[0]), bare((*args)[1]), (*args)[2]);
         };
     });

@@ -18,29 +18,49 @@ struct result_row {
     bool miss; // the answer is not there, as opposed to a local failure
 };
 
-#define ROW(code, miss) {code, #code, miss}
+#define ROW(code, miss)                                                                                      \
+    { code, #code, miss }
 constexpr result_row result_table[] = {
     ROW(DNS_OK, false),
     {1u, "DNS_FAILED", false}, // the text calls: bad count or memory exhausted
-    ROW(DNS_ERR_PARA_INVALID, false),      ROW(DNS_ERR_OPEN_FILE, false),
-    ROW(DNS_ERR_MEM_ALLOC, false),         ROW(DNS_ERR_CREATE_THREAD, false),
-    ROW(DNS_ERR_SRV_LIST_CREATE, false),   ROW(DNS_ERR_LIST_EMPTY, true),
-    ROW(DNS_ERR_LIST_INDEX, false),        ROW(DNS_ERR_LIST_OPERATE, false),
-    ROW(DNS_ERR_SEM, false),               ROW(DNS_ERR_NO_SERVER, false),
-    ROW(DNS_ERR_WRITE_FILE, false),        ROW(DNS_ERR_FILE_FORMAT, false),
-    ROW(DNS_ERR_COPY_FILE, false),         ROW(DNS_ERR_SEEK_FILE, false),
-    ROW(DNS_ERR_SRV_CACHE_FILE, false),    ROW(DNS_ERR_SRV_NAME, false),
-    ROW(DNS_ERR_SRV_MSG_BUF, false),       ROW(DNS_ERR_SRV_NOT_OFFERED, true),
-    ROW(DNS_ERR_SRV_NOT_FOUND, true),      ROW(DNS_ERR_SRV_ANSWER_TYPE, true),
-    ROW(DNS_ERR_SRV_ADD_ADDR, true),       ROW(DNS_ERR_MSG_FORMAT, true),
-    ROW(DNS_ERR_RECORD_INVALID, true),     ROW(DNS_ERR_NAME_TOO_LONG, false),
-    ROW(DNS_ERR_SEND, false),              ROW(DNS_ERR_RECV, true),
-    ROW(DNS_ERR_NO_MEMORY, false),         ROW(DNS_ERR_TIMEOUT, true),
-    ROW(DNS_ERR_NOT_FOUND, true),          ROW(DNS_ERR_ADDR_TO_TEXT, false),
-    ROW(DNS_ERR_TEXT_TO_ADDR, false),      ROW(DNS_ERR_SOCKET, false),
-    ROW(DNS_ERR_CONNECT, false),           ROW(DNS_ERR_IP_TYPE, false),
-    ROW(DNS_ERR_NAME_FORMAT, false),       ROW(DNS_ERR_CACHE_MISS, true),
-    ROW(DNS_ERR_PARSE_ANSWER, true),       ROW(DNS_ERR_CACHE_EXPIRED, true),
+    ROW(DNS_ERR_PARA_INVALID, false),
+    ROW(DNS_ERR_OPEN_FILE, false),
+    ROW(DNS_ERR_MEM_ALLOC, false),
+    ROW(DNS_ERR_CREATE_THREAD, false),
+    ROW(DNS_ERR_SRV_LIST_CREATE, false),
+    ROW(DNS_ERR_LIST_EMPTY, true),
+    ROW(DNS_ERR_LIST_INDEX, false),
+    ROW(DNS_ERR_LIST_OPERATE, false),
+    ROW(DNS_ERR_SEM, false),
+    ROW(DNS_ERR_NO_SERVER, false),
+    ROW(DNS_ERR_WRITE_FILE, false),
+    ROW(DNS_ERR_FILE_FORMAT, false),
+    ROW(DNS_ERR_COPY_FILE, false),
+    ROW(DNS_ERR_SEEK_FILE, false),
+    ROW(DNS_ERR_SRV_CACHE_FILE, false),
+    ROW(DNS_ERR_SRV_NAME, false),
+    ROW(DNS_ERR_SRV_MSG_BUF, false),
+    ROW(DNS_ERR_SRV_NOT_OFFERED, true),
+    ROW(DNS_ERR_SRV_NOT_FOUND, true),
+    ROW(DNS_ERR_SRV_ANSWER_TYPE, true),
+    ROW(DNS_ERR_SRV_ADD_ADDR, true),
+    ROW(DNS_ERR_MSG_FORMAT, true),
+    ROW(DNS_ERR_RECORD_INVALID, true),
+    ROW(DNS_ERR_NAME_TOO_LONG, false),
+    ROW(DNS_ERR_SEND, false),
+    ROW(DNS_ERR_RECV, true),
+    ROW(DNS_ERR_NO_MEMORY, false),
+    ROW(DNS_ERR_TIMEOUT, true),
+    ROW(DNS_ERR_NOT_FOUND, true),
+    ROW(DNS_ERR_ADDR_TO_TEXT, false),
+    ROW(DNS_ERR_TEXT_TO_ADDR, false),
+    ROW(DNS_ERR_SOCKET, false),
+    ROW(DNS_ERR_CONNECT, false),
+    ROW(DNS_ERR_IP_TYPE, false),
+    ROW(DNS_ERR_NAME_FORMAT, false),
+    ROW(DNS_ERR_CACHE_MISS, true),
+    ROW(DNS_ERR_PARSE_ANSWER, true),
+    ROW(DNS_ERR_CACHE_EXPIRED, true),
 };
 #undef ROW
 
@@ -53,7 +73,9 @@ const result_row *find_row(uint32_t code) {
     return nullptr;
 }
 
-void log_to_stderr(const char *line) { std::fprintf(stderr, "%s\n", line); }
+void log_to_stderr(const char *line) {
+    std::fprintf(stderr, "%s\n", line);
+}
 
 void add_mask(CLI::App &app, output &out, runner &run) {
     auto *cmd = app.add_subcommand("mask", "Mask an IP address, a URL or a call identifier");
@@ -143,7 +165,9 @@ std::string address_text(const DNS_IPADDR_S &addr) {
     return inet_ntop(family, &addr.unIpAddr, text, sizeof(text)) != nullptr ? text : "?";
 }
 
-const char *family_name(uint32_t type) { return type == DNS_IP_TYPE_IPV6 ? "IPv6" : "IPv4"; }
+const char *family_name(uint32_t type) {
+    return type == DNS_IP_TYPE_IPV6 ? "IPv6" : "IPv4";
+}
 
 bool parse_address(const std::string &text, DNS_IPADDR_S &addr) {
     addr = DNS_IPADDR_S{};
@@ -161,7 +185,6 @@ const CLI::Validator address_literal(
         return parse_address(text, addr) ? std::string() : "not an IPv4 or IPv6 address: " + text;
     },
     "ADDR");
-
 
 #ifndef VEKDNS_HAVE_SRV
 // Built against a library without the service calls: 'srv' says so, and

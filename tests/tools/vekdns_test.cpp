@@ -38,16 +38,19 @@ struct vekdns_tool : testing::Test {
 };
 
 TEST_F(vekdns_tool, SubcommandsExitCodesAndUsageErrors) {
-    const char *v4 = "a.test has IPv4 address 192.0.2.1, ttl 300\n";
-    const char *v6 = "a.test has IPv6 address 2001:db8::1, ttl 300\n";
-    const char *nx = "nx.test: not found: DNS_ERR_PARSE_ANSWER (0x26040028)\n";
+    const std::string v4 = "a.test has IPv4 address 192.0.2.1, ttl 300\n";
+    const std::string v6 = "a.test has IPv6 address 2001:db8::1, ttl 300\n";
+    const std::string hit = "a.test has IPv4 address 192.0.2.1, ttl 300, from the memory cache\n";
+    const std::string nx = "nx.test: not found: DNS_ERR_PARSE_ANSWER (0x26040028)\n";
+    const std::string help = "\nRun with --help for more information.\n";
     const struct {
         std::string args, expected;
     } rows[] = {
-        {"lookup a.test", "exit 0\n" + std::string(v4) + v6},
-        {"lookup -6 a.test", "exit 0\n" + std::string(v6)},
-        {"lookup --async -4 a.test a.test", "exit 0\n" + std::string(v4) + "a.test has IPv4 address 192.0.2.1, ttl 300, from the memory cache\n"},
-        {"lookup -4 a.test nx.test", "exit 1\n" + std::string(v4) + nx},
+        // clang-format off
+        {"lookup a.test", "exit 0\n" + v4 + v6},
+        {"lookup -6 a.test", "exit 0\n" + v6},
+        {"lookup --async -4 a.test a.test", "exit 0\n" + v4 + hit},
+        {"lookup -4 a.test nx.test", "exit 1\n" + v4 + nx},
         {"cache limits set 5 60", "exit 0\nmaxnumber 5\nmaxtime 60\n"},
         {"filecache set a f.test 192.0.2.9 --ttl 100", "exit 0\nstored f.test in the a cache file, ttl 100\n"},
         {"filecache get a f.test", "exit 0\nf.test has IPv4 address 192.0.2.9\n"},
@@ -59,15 +62,17 @@ TEST_F(vekdns_tool, SubcommandsExitCodesAndUsageErrors) {
 #else
         {"srv sip udp s.test", "exit 3\nsrv: service lookups are not available in this build\n"},
 #endif
-        {"servers set 10.1", "exit 2\nADDR: not an IPv4 or IPv6 address: 10.1\nRun with --help for more information.\n"},
-        {"filecache set aaaa f.test 192.0.2.9", "exit 2\nADDR: not an IPv6 address: 192.0.2.9\nRun with --help for more information.\n"},
-        {"--log-level 9 version", "exit 2\n--log-level: Value 9 not in range 0 to 6\nRun with --help for more information.\n"},
-        {"", "exit 2\nA subcommand is required\nRun with --help for more information.\n"},
+        {"servers set 10.1", "exit 2\nADDR: not an IPv4 or IPv6 address: 10.1" + help},
+        {"filecache set aaaa f.test 192.0.2.9", "exit 2\nADDR: not an IPv6 address: 192.0.2.9" + help},
+        {"--log-level 9 version", "exit 2\n--log-level: Value 9 not in range 0 to 6" + help},
+        {"", "exit 2\nA subcommand is required" + help},
+        // clang-format on
     };
     for (const auto &row : rows) {
         EXPECT_EQ(vekdns(row.args), row.expected) << row.args;
     }
-    EXPECT_EQ(vekdns("cache --help").substr(0, 65), "exit 0\nCache limits (maxnumber, maxtime) of the cache files\nUsage");
+    EXPECT_EQ(vekdns("cache --help").substr(0, 65),
+              "exit 0\nCache limits (maxnumber, maxtime) of the cache files\nUsage");
 }
 
 TEST_F(vekdns_tool, JsonParsesBack) {
