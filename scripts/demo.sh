@@ -52,5 +52,6 @@ exec unshare --mount --net --propagation private -- bash -euo pipefail -c '
   step "JSON for scripts" "vekdns --json lookup -4 www.demo.test"
   step "name servers of /etc/resolv.conf" "vekdns servers"
   step "set them; the library logs the server with its address masked" \
-    "vekdns --log-level 5 servers set ::1 127.0.0.1 2>&1 | grep -i -E \"ip|nameserver\""
+    "vekdns --log-level 5 servers set ::1 2>&1 | grep -i -E \"ip|nameserver\""
+  step "now asking dnsmasq over IPv6" "vekdns lookup -4 mail.demo.test"
 '
