@@ -8,6 +8,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 cmake --preset default >/dev/null
+echo "demo: building vekdns (build/default)"
 cmake --build --preset default --target vekdns >/dev/null
 
 exec unshare --mount --net --propagation private -- bash -euo pipefail -c '
