@@ -4,7 +4,8 @@
 set -euo pipefail
 
 packages=(cmake g++ make pkg-config libgtest-dev libgmock-dev dnsmasq-base libc-ares-dev
-          clang libclang-rt-14-dev util-linux iproute2)
+          clang libclang-rt-14-dev util-linux iproute2
+          libcli11-dev nlohmann-json3-dev dpkg-dev file)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
