@@ -85,7 +85,8 @@ bool should_fail_fopen(const char *path) {
         return false;
     }
     std::lock_guard<std::mutex> lock(g_path_mutex);
-    if (g_fopen_path != path) {
+    const std::size_t len = g_fopen_path.size();
+    if (std::strncmp(path, g_fopen_path.c_str(), len) != 0 || (path[len] != '\0' && path[len] != '.')) {
         return false;
     }
     ++g_fopen_calls;

@@ -1,0 +1,181 @@
+// The library inside a hostile process and host: full file systems, size
+// limits, kills during rewrites, concurrent rewrites. One row per fault; each
+// row gives one string that says what survived.
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <string>
+#include <thread>
+
+#include "support/sandbox.h"
+#include "vek_dns_ops.h"
+
+namespace {
+
+using namespace vekdns::test;
+
+const char *const resolv = "/etc/resolv.conf";
+const char *const v4_cache = "/var/orvdns.cache";
+
+std::string conf(int last_octet) {
+    return "# resolver\nnameserver 10.0.0." + std::to_string(last_octet) + "\nsearch example.com\n";
+}
+DNS_SERVER_S server(int last_octet) {
+    DNS_SERVER_S s{};
+    inet_pton(AF_INET, ("10.0.0." + std::to_string(last_octet)).c_str(), &s.unIpAddr);
+    return s;
+}
+std::string hex(uint32_t code) {
+    char text[16];
+    std::snprintf(text, sizeof(text), "%x", code);
+    return text;
+}
+// Entries of /var that are not the three cache files.
+std::string var_leftovers() {
+    std::string names;
+    DIR *d = opendir("/var");
+    while (const dirent *e = d != nullptr ? readdir(d) : nullptr) {
+        const std::string n = e->d_name;
+        names += n[0] == '.' || n.rfind("orvdns", 0) == 0 ? "" : " " + n;
+    }
+    closedir(d);
+    return names;
+}
+// Runs `fn` in a child process and returns what it returned.
+std::string in_child(const std::function<std::string()> &fn) {
+    int fds[2];
+    EXPECT_EQ(pipe(fds), 0);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const std::string out = fn();
+        (void)!write(fds[1], out.data(), out.size());
+        _exit(0);
+    }
+    close(fds[1]);
+    std::string out;
+    char buf[256];
+    for (ssize_t n; (n = read(fds[0], buf, sizeof(buf))) > 0;) {
+        out.append(buf, static_cast<size_t>(n));
+    }
+    close(fds[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFSIGNALED(status) ? "killed by " + std::to_string(WTERMSIG(status)) : out;
+}
+
+// A look-up of the IPv4 file (which rewrites it) and the IPv4 file after it.
+std::string lookup_and_file() {
+    DNS_IPADDR_S out[DNS_MAX_IP_NUM] = {};
+    uint32_t num = 0;
+    const std::string code = hex(DNS_GetIpFromFileCache("h", out, &num));
+    return code + " " + read_file(v4_cache);
+}
+std::string set_server_and_file(int last_octet) {
+    const DNS_SERVER_S s = server(last_octet);
+    const std::string code = hex(ORV_NETB_SetServer(&s, 1));
+    return code + " " + read_file(resolv);
+}
+
+// The two targets a child keeps rewriting until it is killed: resolv.conf
+// (written in place: the sandbox bind-mounts it) and the IPv4 cache file
+// (renamed over). After each kill both hold a whole old or new content.
+std::string kill_during_rewrites() {
+    const std::string params[] = {"maxnumber 10\nmaxtime 100\n", "maxnumber 20\nmaxtime 200\n"};
+    write_file(v4_cache, params[0]);
+    std::mt19937 rng(7);
+    int damaged = 0;
+    for (int round = 0; round < 150; ++round) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            for (int i = 0;; ++i) {
+                const DNS_SERVER_S s = server(1 + i % 2);
+                (void)ORV_NETB_SetServer(&s, 1);
+                (void)ORV_NETB_DnsSetConfig(0x18, nullptr, nullptr, 10 + 10 * (i % 2), 100 + 100 * (i % 2));
+            }
+        }
+        usleep(std::uniform_int_distribution<unsigned>(0, 3000)(rng));
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+        (void)ORV_NETB_DnsSemUnLink(); // the child may have died holding it
+        const std::string r = read_file(resolv), c = read_file(v4_cache);
+        damaged += (r != conf(1) && r != conf(2)) || (c != params[0] && c != params[1]);
+    }
+    const DNS_SERVER_S s = server(3);
+    const std::string set = hex(ORV_NETB_SetServer(&s, 1)); // removes what the killed left
+    return std::to_string(damaged) + " damaged, " + set + var_leftovers();
+}
+
+// One thread keeps looking up the cache file while another sets the server.
+std::string concurrent_rewrites() {
+    std::atomic<bool> done{false};
+    int bad_lookups = 0;
+    std::thread lookups([&] {
+        while (!done.load()) {
+            DNS_IPADDR_S out[DNS_MAX_IP_NUM] = {};
+            uint32_t num = 0;
+            bad_lookups += DNS_GetIpFromFileCache("h", out, &num) != DNS_OK || num != 1;
+        }
+    });
+    int bad_sets = 0;
+    for (int i = 0; i < 300; ++i) {
+        const DNS_SERVER_S s = server(1 + i % 2);
+        bad_sets += ORV_NETB_SetServer(&s, 1) != DNS_OK;
+    }
+    done.store(true);
+    lookups.join();
+    return std::to_string(bad_sets) + " " + std::to_string(bad_lookups) + " " + read_file(resolv) + var_leftovers();
+}
+
+struct row {
+    const char *fault;
+    std::function<std::string()> run;
+    std::string expect;
+};
+
+TEST(Robust, EveryFaultLeavesWholeFiles) {
+    ORV_NETB_DnsSetLogLevel(0);
+    const std::string cache = "maxnumber 32\nmaxtime 4000000000\nh 16777343 1 4294967295\n";
+    const row rows[] = {
+        {"full /var: the rewrite reports it, the targets stay",
+         [] {
+             EXPECT_EQ(mount("tmpfs", "/var", "tmpfs", 0, "size=16k"), 0);
+             write_file(v4_cache, "maxnumber 32\nmaxtime 4000000000\nh 16777343 1 4294967295\n");
+             write_file("/var/filler", std::string(16384, 'x')); // cut where the space ends
+             std::string out = lookup_and_file();
+             out += set_server_and_file(2) + var_leftovers();
+             EXPECT_EQ(umount("/var"), 0);
+             return out;
+         },
+         "2604000b " + cache + "2604000b " + conf(1) + " filler"},
+        {"file-size limit: the rewrite reports it, the target stays",
+         [] {
+             return in_child([] {
+                 signal(SIGXFSZ, SIG_IGN);
+                 const rlimit limit{20, 20};
+                 setrlimit(RLIMIT_FSIZE, &limit);
+                 const std::string out = lookup_and_file();
+                 return out + set_server_and_file(2);
+             }) + var_leftovers();
+         },
+         "2604000b " + cache + "2604000b " + conf(1)},
+        {"kills during rewrites leave old or new content", kill_during_rewrites, "0 damaged, 0"},
+        {"a look-up beside a server rewrite", concurrent_rewrites, "0 0 " + conf(2)},
+    };
+    for (const row &r : rows) {
+        write_file(resolv, conf(1));
+        write_file(v4_cache, cache);
+        EXPECT_EQ(r.run(), r.expect) << r.fault;
+    }
+}
+
+} // namespace
