@@ -170,6 +170,22 @@ TEST(Robust, EveryFaultLeavesWholeFiles) {
          "2604000b " + cache + "2604000b " + conf(1)},
         {"kills during rewrites leave old or new content", kill_during_rewrites, "0 damaged, 0"},
         {"a look-up beside a server rewrite", concurrent_rewrites, "0 0 " + conf(2)},
+        {"standard output is a pipe nobody reads",
+         [] {
+             return in_child([] {
+                 int fds[2];
+                 (void)!pipe(fds);
+                 close(fds[0]);
+                 dup2(fds[1], STDOUT_FILENO);
+                 setvbuf(stdout, nullptr, _IONBF, 0); // every line written at once
+                 ORV_NETB_DnsSetLogLevel(5);
+                 DNS_SERVER_S got[1];
+                 uint32_t count = 0;
+                 const std::string code = hex(ORV_NETB_GetServer(got, 1, &count));
+                 return code + " " + std::to_string(count);
+             });
+         },
+         "0 1"},
     };
     for (const row &r : rows) {
         write_file(resolv, conf(1));
