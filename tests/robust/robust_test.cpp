@@ -136,6 +136,39 @@ std::string concurrent_rewrites() {
     return std::to_string(bad_sets) + " " + std::to_string(bad_lookups) + " " + read_file(resolv) + var_leftovers();
 }
 
+// Children forked while another thread works in the memory cache; each
+// looks the cache up once. Gives the number that hung.
+std::string fork_beside_busy_cache() {
+    std::atomic<bool> done{false};
+    DNS_IPADDR_S a{};
+    a.unIpAddr.ulIpv4 = 0x0100007F;
+    std::thread busy([&] {
+        while (!done.load()) {
+            DNS_IPADDR_S out[DNS_MAX_IP_NUM] = {};
+            uint32_t num = 0;
+            (void)DNS_SetIpToMemCache("h", 60, a);
+            (void)DNS_GetIpFromMemCache("h", out, &num);
+        }
+    });
+    int hung = 0;
+    for (int i = 0; i < 20; ++i) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            DNS_IPADDR_S out[DNS_MAX_IP_NUM] = {};
+            uint32_t num = 0;
+            _exit(static_cast<int>(DNS_GetIpFromMemCache("h", out, &num)));
+        }
+        if (!wait_until([&] { return waitpid(pid, nullptr, WNOHANG) == pid; }, std::chrono::seconds(5))) {
+            ++hung;
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+    }
+    done.store(true);
+    busy.join();
+    return std::to_string(hung) + " hung";
+}
+
 struct row {
     const char *fault;
     std::function<std::string()> run;
@@ -186,6 +219,7 @@ TEST(Robust, EveryFaultLeavesWholeFiles) {
              });
          },
          "0 1"},
+        {"fork beside a busy memory cache", fork_beside_busy_cache, "0 hung"},
     };
     for (const row &r : rows) {
         write_file(resolv, conf(1));
