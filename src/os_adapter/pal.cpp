@@ -174,18 +174,14 @@ int PAL_SemWait(void *pSem) {
     if (pSem == nullptr || should_fail(op::sem_wait)) {
         return -1;
     }
-    int ret;
-    do {
-        ret = sem_wait(static_cast<sem_t *>(pSem));
-    } while (ret != 0 && errno == EINTR);
-    return ret;
+    return vekdns::pal::sem_wait_sliced(static_cast<sem_t *>(pSem));
 }
 
 int PAL_SemPost(void *pSem) {
     if (pSem == nullptr || should_fail(op::sem_post)) {
         return -1;
     }
-    return sem_post(static_cast<sem_t *>(pSem));
+    return sem_post(vekdns::pal::posted_sem(static_cast<sem_t *>(pSem)));
 }
 
 int PAL_SemClose(void *pSem) {

@@ -169,6 +169,47 @@ std::string fork_beside_busy_cache() {
     return std::to_string(hung) + " hung";
 }
 
+// A process dies holding "dns_lock_sem" while a thread here waits for it;
+// the semaphore is then removed. Gives the waiter's result.
+std::string waiter_of_dead_holder() {
+    int ready[2];
+    (void)!pipe(ready);
+    const pid_t holder = fork();
+    if (holder == 0) {
+        void *sem = nullptr;
+        (void)DNS_SemOpen(&sem);
+        (void)DNS_SemWait(&sem);
+        (void)!write(ready[1], "x", 1);
+        pause();
+    }
+    char c;
+    (void)!read(ready[0], &c, 1);
+    kill(holder, SIGKILL);
+    waitpid(holder, nullptr, 0);
+    std::atomic<pid_t> tid{0};
+    std::atomic<uint32_t> result{1};
+    std::thread waiter([&] {
+        tid.store(gettid());
+        DNS_SERVER_S got[1];
+        uint32_t count = 0;
+        result.store(ORV_NETB_GetServer(got, 1, &count));
+    });
+    // Blocked: the thread sleeps in its wait.
+    wait_until([&] { return tid != 0 && read_file("/proc/self/task/" + std::to_string(tid) + "/stat").find(") S") != std::string::npos; });
+    void *old = nullptr;
+    (void)DNS_SemOpen(&old);
+    const uint32_t unlinked = ORV_NETB_DnsSemUnLink();
+    const bool woke = wait_until([&] { return result.load() != 1; }, std::chrono::seconds(10));
+    if (!woke) {
+        (void)DNS_SemPost(&old); // free the waiter so the test can end
+    }
+    waiter.join();
+    (void)DNS_SemClose(&old);
+    close(ready[0]);
+    close(ready[1]);
+    return hex(unlinked) + (woke ? " woke " : " stuck ") + hex(result.load());
+}
+
 struct row {
     const char *fault;
     std::function<std::string()> run;
@@ -220,6 +261,7 @@ TEST(Robust, EveryFaultLeavesWholeFiles) {
          },
          "0 1"},
         {"fork beside a busy memory cache", fork_beside_busy_cache, "0 hung"},
+        {"a waiter of a dead holder, then the semaphore removed", waiter_of_dead_holder, "0 woke 0"},
     };
     for (const row &r : rows) {
         write_file(resolv, conf(1));
