@@ -81,9 +81,16 @@ uint32_t write_in_place(const char *from, const char *target) {
 bool temp_rewrite::open() {
     discard();
     remove_stale_temporaries(base_);
-    (void)snprintf_s(path_, sizeof(path_), sizeof(path_) - 1, "%s.%ld.%u", base_, static_cast<long>(getpid()),
-                     g_temp_counter.fetch_add(1, std::memory_order_relaxed));
-    FILE *file = sys::create_exclusive(path_);
+    // A name taken by an entry someone else made is passed over.
+    FILE *file = nullptr;
+    for (int attempt = 0; attempt < 8 && file == nullptr; ++attempt) {
+        (void)snprintf_s(path_, sizeof(path_), sizeof(path_) - 1, "%s.%ld.%u", base_, static_cast<long>(getpid()),
+                         g_temp_counter.fetch_add(1, std::memory_order_relaxed));
+        file = sys::create_exclusive(path_);
+        if (file == nullptr && errno != EEXIST) {
+            return false;
+        }
+    }
     if (file == nullptr) {
         return false;
     }

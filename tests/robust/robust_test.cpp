@@ -17,6 +17,7 @@
 #include <string>
 #include <thread>
 
+#include "os_adapter/test_hooks.h"
 #include "support/sandbox.h"
 #include "vek_dns_ops.h"
 
@@ -210,6 +211,50 @@ std::string waiter_of_dead_holder() {
     return hex(unlinked) + (woke ? " woke " : " stuck ") + hex(result.load());
 }
 
+// An endless resolver file: every reader stops with 0x2604000C.
+std::string endless_resolver_file() {
+    EXPECT_EQ(mount("/dev/zero", resolv, nullptr, MS_BIND, nullptr), 0);
+    DNS_SERVER_S got[1];
+    uint32_t count = 0;
+    DNS_LOCAL_SERVER_S rec{};
+    std::string out = hex(ORV_NETB_GetServer(got, 1, &count));
+    out += " " + hex(ORV_NETB_DnsSetConfig(0x2, got, nullptr, 0, 0));
+    out += " " + hex(DNS_LocateDnsServer(&rec));
+    EXPECT_EQ(umount(resolv), 0);
+    return out;
+}
+
+// 40,000 server lines: found with a handful of allocations.
+std::string many_servers() {
+    std::string text;
+    for (int i = 0; i < 40000; ++i) {
+        text += "nameserver 10.0." + std::to_string(i / 250) + "." + std::to_string(1 + i % 250) + "\n";
+    }
+    write_file(resolv, text);
+    DNS_LOCAL_SERVER_S rec{};
+    const unsigned before = vekdns::pal_test::calls(vekdns::pal_test::op::alloc);
+    const std::string code = hex(DNS_LocateDnsServer(&rec));
+    const unsigned allocations = vekdns::pal_test::calls(vekdns::pal_test::op::alloc) - before;
+    DNS_FreeLocalServer(&rec);
+    return code + " " + std::to_string(rec.ulDnsServers) + " servers, " + std::to_string(allocations) + " allocations";
+}
+
+// Links planted at the temporary file's names: nothing is written through them.
+std::string planted_links() {
+    write_file("/var/victim", "keep\n");
+    const std::string base = "/var/dnsresolv.tmp";
+    const std::string links[] = {base, base + ".0", base + "." + std::to_string(getpid()) + ".0"};
+    for (const std::string &l : links) {
+        EXPECT_EQ(symlink("/var/victim", l.c_str()), 0);
+    }
+    const std::string out = set_server_and_file(2) + read_file("/var/victim");
+    for (const std::string &l : links) {
+        unlink(l.c_str());
+    }
+    unlink("/var/victim");
+    return out;
+}
+
 struct row {
     const char *fault;
     std::function<std::string()> run;
@@ -262,6 +307,9 @@ TEST(Robust, EveryFaultLeavesWholeFiles) {
          "0 1"},
         {"fork beside a busy memory cache", fork_beside_busy_cache, "0 hung"},
         {"a waiter of a dead holder, then the semaphore removed", waiter_of_dead_holder, "0 woke 0"},
+        {"/dev/zero as the resolver file", endless_resolver_file, "2604000c 2604000c 2604000c"},
+        {"40,000 server lines", many_servers, "0 40000 servers, 15 allocations"},
+        {"links planted at the temporary names", planted_links, "0 " + conf(2) + "keep\n"},
     };
     for (const row &r : rows) {
         write_file(resolv, conf(1));
