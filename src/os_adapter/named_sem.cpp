@@ -9,11 +9,14 @@
 
 #include <cerrno>
 #include <ctime>
+#include <fcntl.h>
 #include <mutex>
 #include <pthread.h>
 #include <string>
 #include <sys/stat.h>
 #include <vector>
+
+#include "os_adapter/test_hooks.h"
 
 namespace vekdns::pal {
 namespace {
@@ -45,12 +48,35 @@ constexpr long wait_slice_ns = 250'000'000;
 const int g_atfork = pthread_atfork([] { g_mutex.lock(); }, [] { g_mutex.unlock(); },
                                     [] { g_mutex.unlock(); });
 
-bool identify(const char *name, struct stat *st) {
-    // glibc keeps named semaphores as /dev/shm/sem.<name>.
-    const char *base = name[0] == '/' ? name + 1 : name;
-    std::string path = "/dev/shm/sem.";
-    path += base;
-    return stat(path.c_str(), st) == 0;
+// glibc keeps named semaphores as /dev/shm/sem.<name>.
+std::string object_path(const char *name) { return std::string("/dev/shm/sem.") + (name[0] == '/' ? name + 1 : name); }
+
+bool identify(const char *name, struct stat *st) { return stat(object_path(name).c_str(), st) == 0; }
+
+// sem_open, but a semaphore this call creates gets `mode` itself: the
+// creator's umask would otherwise lock other users out.
+sem_t *open_with_mode(const char *name, int flags, mode_t mode, unsigned value) {
+    if ((flags & O_CREAT) == 0) {
+        return sem_open(name, flags);
+    }
+    for (int attempt = 0; attempt < 8; ++attempt) {
+        sem_t *sem = sem_open(name, flags & ~O_CREAT);
+        if (sem != SEM_FAILED || errno != ENOENT) {
+            return sem;
+        }
+        sem = sem_open(name, flags | O_EXCL, mode, value);
+        if (sem != SEM_FAILED) {
+            const std::string path = object_path(name);
+            if (!pal_test::should_fail(pal_test::op::fchmod)) {
+                (void)chmod(path.c_str(), mode);
+            }
+            return sem;
+        }
+        if (errno != EEXIST) { // EEXIST: made meanwhile by another, open that one
+            return SEM_FAILED;
+        }
+    }
+    return SEM_FAILED;
 }
 
 } // namespace
@@ -73,7 +99,7 @@ sem_t *named_sem_open(const char *name, int flags, mode_t mode, unsigned value) 
             g_mappings.erase(g_mappings.begin() + static_cast<std::ptrdiff_t>(i));
         }
     }
-    sem_t *sem = sem_open(name, flags, mode, value);
+    sem_t *sem = open_with_mode(name, flags, mode, value);
     if (sem == SEM_FAILED) {
         return nullptr;
     }

@@ -85,7 +85,17 @@ FILE *PAL_Fopen(const char *pszPath, const char *pszMode) {
         errno = EACCES;
         return nullptr;
     }
-    return std::fopen(pszPath, pszMode);
+    // Close-on-exec always: a program the application starts inherits none
+    // of our files.
+    char mode[8] = {};
+    if (pszMode == nullptr || std::strlen(pszMode) + 2 > sizeof(mode)) {
+        return std::fopen(pszPath, pszMode);
+    }
+    std::strcpy(mode, pszMode);
+    if (std::strchr(mode, 'e') == nullptr) {
+        std::strcat(mode, "e");
+    }
+    return std::fopen(pszPath, mode);
 }
 
 char *PAL_Fgets(char *pszBuf, int lSize, FILE *pFile) {

@@ -3,6 +3,8 @@
 // row gives one string that says what survived.
 #include <arpa/inet.h>
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -17,6 +19,8 @@
 #include <string>
 #include <thread>
 
+#include "base/sys.h"
+#include "base/text_file.h"
 #include "os_adapter/test_hooks.h"
 #include "support/sandbox.h"
 #include "vek_dns_ops.h"
@@ -255,6 +259,41 @@ std::string planted_links() {
     return out;
 }
 
+// A service of one user (umask 022) creates the semaphore; another user
+// then opens it. Gives the mode and the other user's result.
+std::string semaphore_of_another_user() {
+    const std::string mode = in_child([] {
+        (void)ORV_NETB_DnsSemUnLink();
+        umask(022);
+        void *sem = nullptr;
+        (void)DNS_SemOpen(&sem);
+        (void)DNS_SemClose(&sem);
+        struct stat st {};
+        stat("/dev/shm/sem.dns_lock_sem", &st);
+        char text[8];
+        std::snprintf(text, sizeof(text), "%o ", st.st_mode & 0777);
+        return std::string(text);
+    });
+    return mode + in_child([] {
+        void *other = nullptr;
+        return setuid(65534) != 0 ? "no second user" : hex(DNS_SemOpen(&other));
+    });
+}
+
+// Descriptors the library opens are closed on exec.
+std::string close_on_exec() {
+    std::string out;
+    FILE *file = PAL_Fopen(resolv, "r");
+    out += std::to_string(fcntl(fileno(file), F_GETFD) & FD_CLOEXEC);
+    PAL_Fclose(file);
+    const int fd = vekdns::sys::socket(AF_INET, SOCK_DGRAM, 0);
+    out += std::to_string(fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    close(fd);
+    vekdns::detail::temp_rewrite temp("/var/cloexec.tmp");
+    out += temp.open() ? std::to_string(fcntl(fileno(temp.out.get()), F_GETFD) & FD_CLOEXEC) : "-";
+    return out;
+}
+
 struct row {
     const char *fault;
     std::function<std::string()> run;
@@ -310,6 +349,8 @@ TEST(Robust, EveryFaultLeavesWholeFiles) {
         {"/dev/zero as the resolver file", endless_resolver_file, "2604000c 2604000c 2604000c"},
         {"40,000 server lines", many_servers, "0 40000 servers, 15 allocations"},
         {"links planted at the temporary names", planted_links, "0 " + conf(2) + "keep\n"},
+        {"the semaphore made by one user, opened by another", semaphore_of_another_user, "777 0"},
+        {"files and sockets are closed on exec", close_on_exec, "111"},
     };
     for (const row &r : rows) {
         write_file(resolv, conf(1));
