@@ -22,7 +22,7 @@ std::array<fault, op_count> g_faults;
 std::atomic<bool> g_any_armed{false};
 
 std::mutex g_path_mutex;
-std::string g_fopen_path;   // guarded by g_path_mutex
+std::string &g_fopen_path = *new std::string; // guarded by g_path_mutex; never destroyed
 unsigned g_fopen_calls = 0; // guarded
 unsigned g_fopen_first = 0;
 unsigned g_fopen_last = 0;

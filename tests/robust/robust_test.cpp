@@ -3,6 +3,7 @@
 // row gives one string that says what survived.
 #include <arpa/inet.h>
 #include <dirent.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <gtest/gtest.h>
@@ -294,6 +295,27 @@ std::string close_on_exec() {
     return out;
 }
 
+// The shared library loaded, used (a worker is left parked) and unloaded:
+// it stays mapped, so the parked worker returns into code that is there.
+std::string unload_with_parked_worker() {
+    write_file(resolv, "# no server\n");
+    void *lib = dlopen(VEK_DNS_SHARED_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+    if (lib == nullptr) {
+        return dlerror();
+    }
+    auto resolve = reinterpret_cast<decltype(&ORV_NETB_DnsGetIpBySynResolve)>(
+        dlsym(lib, "ORV_NETB_DnsGetIpBySynResolve"));
+    DNS_IPADDR_S out[DNS_MAX_IP_NUM];
+    uint32_t num = DNS_MAX_IP_NUM;
+    const std::string code = hex(resolve("example.com", 0, out, &num));
+    dlclose(lib);
+    void *still = dlopen(VEK_DNS_SHARED_LIBRARY, RTLD_NOW | RTLD_NOLOAD);
+    if (still != nullptr) {
+        dlclose(still);
+    }
+    return code + (still != nullptr ? " still mapped" : " unmapped");
+}
+
 struct row {
     const char *fault;
     std::function<std::string()> run;
@@ -351,6 +373,7 @@ TEST(Robust, EveryFaultLeavesWholeFiles) {
         {"links planted at the temporary names", planted_links, "0 " + conf(2) + "keep\n"},
         {"the semaphore made by one user, opened by another", semaphore_of_another_user, "777 0"},
         {"files and sockets are closed on exec", close_on_exec, "111"},
+        {"unloaded with a parked worker", unload_with_parked_worker, "2604000a still mapped"},
     };
     for (const row &r : rows) {
         write_file(resolv, conf(1));
