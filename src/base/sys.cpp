@@ -80,21 +80,32 @@ FILE *create_exclusive(const char *path) {
     return file;
 }
 
-// Each of these reports ENOSPC or EIO when a test makes it fail.
-#define VEK_SYS_CALL(name, fault_errno, call) \
-    if (should_fail(op::name)) {              \
-        errno = fault_errno;                  \
-        return -1;                            \
-    }                                         \
-    return call
+// The call, or -1 with `fault_errno` when a test makes `o` fail.
+template <typename Call> int unless_failed(op o, int fault_errno, Call call) {
+    if (should_fail(o)) {
+        errno = fault_errno;
+        return -1;
+    }
+    return call();
+}
 
-int fflush(FILE *file) { VEK_SYS_CALL(fflush, ENOSPC, ::fflush(file)); }
-int fsync(int fd) { VEK_SYS_CALL(fsync, EIO, ::fsync(fd)); }
-int fchmod(int fd, mode_t mode) { VEK_SYS_CALL(fchmod, EPERM, ::fchmod(fd, mode)); }
-int fchown(int fd, uid_t uid, gid_t gid) { VEK_SYS_CALL(fchown, EPERM, ::fchown(fd, uid, gid)); }
-int ftruncate(int fd, off_t length) { VEK_SYS_CALL(ftruncate, EIO, ::ftruncate(fd, length)); }
-int rename(const char *from, const char *to) { VEK_SYS_CALL(rename, EIO, ::rename(from, to)); }
-
-#undef VEK_SYS_CALL
+int fflush(FILE *file) {
+    return unless_failed(op::fflush, ENOSPC, [&] { return ::fflush(file); });
+}
+int fsync(int fd) {
+    return unless_failed(op::fsync, EIO, [&] { return ::fsync(fd); });
+}
+int fchmod(int fd, mode_t mode) {
+    return unless_failed(op::fchmod, EPERM, [&] { return ::fchmod(fd, mode); });
+}
+int fchown(int fd, uid_t uid, gid_t gid) {
+    return unless_failed(op::fchown, EPERM, [&] { return ::fchown(fd, uid, gid); });
+}
+int ftruncate(int fd, off_t length) {
+    return unless_failed(op::ftruncate, EIO, [&] { return ::ftruncate(fd, length); });
+}
+int rename(const char *from, const char *to) {
+    return unless_failed(op::rename, EIO, [&] { return ::rename(from, to); });
+}
 
 } // namespace vekdns::sys

@@ -84,8 +84,8 @@ bool temp_rewrite::open() {
     // A name taken by an entry someone else made is passed over.
     FILE *file = nullptr;
     for (int attempt = 0; attempt < 8 && file == nullptr; ++attempt) {
-        (void)snprintf_s(path_, sizeof(path_), sizeof(path_) - 1, "%s.%ld.%u", base_, static_cast<long>(getpid()),
-                         g_temp_counter.fetch_add(1, std::memory_order_relaxed));
+        (void)snprintf_s(path_, sizeof(path_), sizeof(path_) - 1, "%s.%ld.%u", base_,
+                         static_cast<long>(getpid()), g_temp_counter.fetch_add(1, std::memory_order_relaxed));
         file = sys::create_exclusive(path_);
         if (file == nullptr && errno != EEXIST) {
             return false;
@@ -112,8 +112,8 @@ uint32_t temp_rewrite::finish(bool &can_rename, const char *target, const mode_t
     if (ok && mode != nullptr) {
         (void)sys::fchmod(fd, *mode);
         can_rename = true;
-    } else if (ok && lstat(target, &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink == 1 && fstat(fd, &tst) == 0 &&
-               tst.st_dev == st.st_dev) {
+    } else if (ok && lstat(target, &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink == 1 &&
+               fstat(fd, &tst) == 0 && tst.st_dev == st.st_dev) {
         can_rename = (tst.st_uid == st.st_uid && tst.st_gid == st.st_gid) ||
                      sys::fchown(fd, st.st_uid, st.st_gid) == 0;
         can_rename = can_rename && sys::fchmod(fd, st.st_mode & 07777) == 0;

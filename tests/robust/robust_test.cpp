@@ -33,12 +33,16 @@ using std::to_string;
 const char *const resolv = "/etc/resolv.conf", *const v4_cache = "/var/orvdns.cache";
 const std::string cache = "maxnumber 32\nmaxtime 4000000000\nh 16777343 1 4294967295\n";
 
-std::string conf(int n) { return "# resolver\nnameserver 10.0.0." + to_string(n) + "\nsearch example.com\n"; }
+std::string conf(int n) {
+    return "# resolver\nnameserver 10.0.0." + to_string(n) + "\nsearch example.com\n";
+}
 // Texts joined in the order written (a braced list is evaluated in order).
 std::string cat(std::initializer_list<std::string> parts) {
     return std::accumulate(parts.begin(), parts.end(), std::string());
 }
-std::string hex(uint32_t code) { return (std::ostringstream() << std::hex << code << ' ').str(); }
+std::string hex(uint32_t code) {
+    return (std::ostringstream() << std::hex << code << ' ').str();
+}
 std::string set_server(uint32_t n) {
     const DNS_SERVER_S s{DNS_IP_TYPE_IPV4, {htonl(0x0A000000u | n)}};
     return hex(ORV_NETB_SetServer(&s, 1));
@@ -54,14 +58,17 @@ std::string lookup(decltype(&DNS_GetIpFromFileCache) get = DNS_GetIpFromFileCach
 std::string var_leftovers() {
     std::string names;
     for (const auto &e : std::filesystem::directory_iterator("/var")) {
-        names += e.path().filename().string().find_first_of(".o") == 0 ? "" : "+" + e.path().filename().string();
+        names +=
+            e.path().filename().string().find_first_of(".o") == 0 ? "" : "+" + e.path().filename().string();
     }
     return names;
 }
 std::string files_after(const std::string &lookup_code) {
     return cat({lookup_code, read_file(v4_cache), set_server(2), read_file(resolv), var_leftovers()});
 }
-std::string cloexec(int fd) { return to_string(fcntl(fd, F_GETFD) & FD_CLOEXEC); }
+std::string cloexec(int fd) {
+    return to_string(fcntl(fd, F_GETFD) & FD_CLOEXEC);
+}
 // What `fn` returned in a child process, or how the child died.
 std::string in_child(const std::function<std::string()> &fn) {
     int fds[2], status = 0;
@@ -99,7 +106,8 @@ std::string kill_during_rewrites() {
     for (int round = 0; round < 150; ++round) {
         const pid_t pid = fork();
         for (uint32_t i = 0; pid == 0; ++i) {
-            set_server(1 + i % 2), ORV_NETB_DnsSetConfig(0x18, nullptr, nullptr, 10 + 10 * (i % 2), 100 + 100 * (i % 2));
+            set_server(1 + i % 2),
+                ORV_NETB_DnsSetConfig(0x18, nullptr, nullptr, 10 + 10 * (i % 2), 100 + 100 * (i % 2));
         }
         usleep(std::uniform_int_distribution<unsigned>(0, 3000)(rng));
         kill(pid, SIGKILL), waitpid(pid, nullptr, 0), ORV_NETB_DnsSemUnLink(); // it may have died holding it
@@ -117,7 +125,8 @@ std::string waiter_of_dead_holder() {
     std::string result;
     std::thread waiter([&] { tid = gettid(), result = set_server(2); });
     wait_until([&] { // asleep in its wait
-        return tid != 0 && read_file("/proc/self/task/" + to_string(tid) + "/stat").find(") S") != std::string::npos;
+        return tid != 0 &&
+               read_file("/proc/self/task/" + to_string(tid) + "/stat").find(") S") != std::string::npos;
     });
     const std::string unlinked = hex(ORV_NETB_DnsSemUnLink());
     const bool woke = wait_until([&] { return read_file(resolv) == conf(2); }, std::chrono::seconds(10));
@@ -155,13 +164,14 @@ TEST(Robust, EveryFaultLeavesWholeFilesAndLiveProcesses) {
         {"a look-up beside server rewrites",
          [] {
              std::string bad;
-             const std::string sets = beside([&] { bad += lookup() == "0 " ? "" : "bad"; }, [] {
-                 std::string all;
-                 for (uint32_t i = 0; i < 300; ++i) {
-                     all += set_server(1 + i % 2) == "0 " ? "" : "bad";
-                 }
-                 return all;
-             });
+             const std::string sets = beside([&] { bad += lookup() == "0 " ? "" : "bad"; },
+                                             [] {
+                                                 std::string all;
+                                                 for (uint32_t i = 0; i < 300; ++i) {
+                                                     all += set_server(1 + i % 2) == "0 " ? "" : "bad";
+                                                 }
+                                                 return all;
+                                             });
              return cat({sets, bad, read_file(resolv), var_leftovers()});
          },
          conf(2)},
@@ -179,19 +189,21 @@ TEST(Robust, EveryFaultLeavesWholeFilesAndLiveProcesses) {
         {"fork beside a busy memory cache",
          [] {
              const DNS_IPADDR_S local{DNS_IP_TYPE_IPV4, {htonl(INADDR_LOOPBACK)}};
-             return beside([&] { DNS_SetIpToMemCache("h", 60, local), lookup(DNS_GetIpFromMemCache); }, [] {
-                 int hung = 0;
-                 for (int i = 0; i < 20; ++i) {
-                     const pid_t pid = fork();
-                     if (pid == 0) {
-                         _exit(lookup(DNS_GetIpFromMemCache) == "0 " ? 0 : 1);
-                     }
-                     if (!wait_until([&] { return waitpid(pid, nullptr, WNOHANG) == pid; }, std::chrono::seconds(5))) {
-                         ++hung, kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
-                     }
-                 }
-                 return to_string(hung) + " hung";
-             });
+             return beside([&] { DNS_SetIpToMemCache("h", 60, local), lookup(DNS_GetIpFromMemCache); },
+                           [] {
+                               int hung = 0;
+                               for (int i = 0; i < 20; ++i) {
+                                   const pid_t pid = fork();
+                                   if (pid == 0) {
+                                       _exit(lookup(DNS_GetIpFromMemCache) == "0 " ? 0 : 1);
+                                   }
+                                   if (!wait_until([&] { return waitpid(pid, nullptr, WNOHANG) == pid; },
+                                                   std::chrono::seconds(5))) {
+                                       ++hung, kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
+                                   }
+                               }
+                               return to_string(hung) + " hung";
+                           });
          },
          "0 hung"},
         {"a waiter of a dead holder, the semaphore removed", waiter_of_dead_holder, "0 woke 0 "},
@@ -201,8 +213,9 @@ TEST(Robust, EveryFaultLeavesWholeFilesAndLiveProcesses) {
              DNS_SERVER_S got[1];
              uint32_t count = 0;
              DNS_LOCAL_SERVER_S rec{};
-             const std::string out = cat({hex(ORV_NETB_GetServer(got, 1, &count)), hex(DNS_LocateDnsServer(&rec)),
-                                          hex(ORV_NETB_DnsSetConfig(0x2, got, nullptr, 0, 0))});
+             const std::string out =
+                 cat({hex(ORV_NETB_GetServer(got, 1, &count)), hex(DNS_LocateDnsServer(&rec)),
+                      hex(ORV_NETB_DnsSetConfig(0x2, got, nullptr, 0, 0))});
              EXPECT_EQ(umount(resolv), 0);
              return out;
          },
@@ -219,13 +232,15 @@ TEST(Robust, EveryFaultLeavesWholeFilesAndLiveProcesses) {
              const unsigned before = calls(op::alloc);
              const std::string code = hex(DNS_LocateDnsServer(&rec));
              DNS_FreeLocalServer(&rec);
-             return cat({code, to_string(rec.ulDnsServers), " servers ", to_string(calls(op::alloc) - before)});
+             return cat(
+                 {code, to_string(rec.ulDnsServers), " servers ", to_string(calls(op::alloc) - before)});
          },
          "0 40000 servers 15"},
         {"links planted at the temporary names",
          [] {
              const std::string base = "/var/dnsresolv.tmp", victim = "/var/orvdnsvictim";
-             const std::string links[] = {base, base + ".0", cat({base, ".", to_string(getpid()), ".0"}), victim};
+             const std::string links[] = {base, base + ".0", cat({base, ".", to_string(getpid()), ".0"}),
+                                          victim};
              for (const std::string &l : links) {
                  (void)!symlink(victim.c_str(), l.c_str());
              }
@@ -242,13 +257,14 @@ TEST(Robust, EveryFaultLeavesWholeFilesAndLiveProcesses) {
              const std::string mode = in_child([] {
                  void *sem = nullptr;
                  struct stat st {};
-                 ORV_NETB_DnsSemUnLink(), umask(022), DNS_SemOpen(&sem), stat("/dev/shm/sem.dns_lock_sem", &st);
+                 ORV_NETB_DnsSemUnLink(), umask(022), DNS_SemOpen(&sem),
+                     stat("/dev/shm/sem.dns_lock_sem", &st);
                  return to_string(st.st_mode & 0777) + " ";
              });
              return mode + in_child([] {
-                 void *sem = nullptr;
-                 return setuid(65534) != 0 ? "no second user" : hex(DNS_SemOpen(&sem));
-             });
+                        void *sem = nullptr;
+                        return setuid(65534) != 0 ? "no second user" : hex(DNS_SemOpen(&sem));
+                    });
          },
          "511 0 "}, // 0777
         {"files and sockets closed on exec",
@@ -256,7 +272,8 @@ TEST(Robust, EveryFaultLeavesWholeFilesAndLiveProcesses) {
              FILE *file = PAL_Fopen(resolv, "r");
              const int sock = vekdns::sys::socket(AF_INET, SOCK_DGRAM, 0);
              vekdns::detail::temp_rewrite temp("/var/cloexec.tmp");
-             const std::string out = cat({cloexec(fileno(file)), cloexec(sock), temp.open() ? cloexec(fileno(temp.out.get())) : "-"});
+             const std::string out = cat(
+                 {cloexec(fileno(file)), cloexec(sock), temp.open() ? cloexec(fileno(temp.out.get())) : "-"});
              PAL_Fclose(file), close(sock);
              return out;
          },
@@ -265,7 +282,8 @@ TEST(Robust, EveryFaultLeavesWholeFilesAndLiveProcesses) {
          [] {
              write_file(resolv, "# no server\n");
              void *lib = dlopen(VEK_DNS_SHARED_LIBRARY, RTLD_NOW | RTLD_LOCAL);
-             auto resolve = reinterpret_cast<decltype(&ORV_NETB_DnsGetIpBySynResolve)>(dlsym(lib, "ORV_NETB_DnsGetIpBySynResolve"));
+             auto resolve = reinterpret_cast<decltype(&ORV_NETB_DnsGetIpBySynResolve)>(
+                 dlsym(lib, "ORV_NETB_DnsGetIpBySynResolve"));
              DNS_IPADDR_S out[DNS_MAX_IP_NUM];
              uint32_t num = DNS_MAX_IP_NUM;
              const std::string code = hex(resolve("example.com", 0, out, &num)); // its worker parks
