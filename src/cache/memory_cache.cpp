@@ -6,6 +6,7 @@
 // Every caller of the façade holds the named semaphore (the outer lock) around
 // its calls: that is what makes the lazy creation of a head, the full test
 // before eviction and the destruction of the heads safe.
+#include <cerrno>
 #include <cstdint>
 #include <initializer_list>
 #include <pthread.h>
@@ -69,11 +70,12 @@ namespace {
 // meanwhile; it is taken before a cache lock, never after one.
 pthread_mutex_t g_heads_mutex = PTHREAD_MUTEX_INITIALIZER;
 
+// The semaphores are taken directly, not through the platform's wait: the
+// handlers of the platform layer may run before these and hold its table.
 void lock_caches_for_fork() {
     (void)pthread_mutex_lock(&g_heads_mutex);
     for (DNS_CACHE_HEAD_S *head : {pstDNSSRVCache, pstDNSCache, pstDNSAAAACache}) {
-        if (head != nullptr) {
-            (void)DNS_Lock(head->pstSem);
+        while (head != nullptr && sem_wait(head->pstSem) != 0 && errno == EINTR) {
         }
     }
 }
@@ -81,7 +83,7 @@ void lock_caches_for_fork() {
 void unlock_caches_after_fork() {
     for (DNS_CACHE_HEAD_S *head : {pstDNSSRVCache, pstDNSCache, pstDNSAAAACache}) {
         if (head != nullptr) {
-            (void)DNS_UnLock(head->pstSem);
+            (void)sem_post(head->pstSem);
         }
     }
     (void)pthread_mutex_unlock(&g_heads_mutex);
