@@ -5,6 +5,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -19,6 +20,7 @@
 #include <random>
 #include <sstream>
 #include <thread>
+#include <tuple>
 
 #include "base/sys.h"
 #include "base/text_file.h"
@@ -136,19 +138,14 @@ std::string waiter_of_dead_holder() {
 
 TEST(Robust, EveryFaultLeavesWholeFilesAndLiveProcesses) {
     ORV_NETB_DnsSetLogLevel(0);
-    const struct {
-        const char *fault;
-        std::function<std::string()> run;
-        std::string expect;
-    } rows[] = {
+    const std::tuple<const char *, std::function<std::string()>, std::string> rows[] = {
         {"full /var",
          [] {
-             EXPECT_EQ(mount("tmpfs", "/var", "tmpfs", 0, "size=16k"), 0);
-             write_file(v4_cache, cache);
-             write_file("/var/filler", std::string(16384, 'x')); // cut where the space ends
-             const std::string out = files_after(lookup());
-             EXPECT_EQ(umount("/var"), 0);
-             return out;
+             return in_child([] {
+                 unshare(CLONE_NEWNS), mount("tmpfs", "/var", "tmpfs", 0, "size=16k");
+                 write_file(v4_cache, cache), write_file("/var/filler", std::string(16384, 'x')); // cut short
+                 return files_after(lookup());
+             });
          },
          "2604000b " + cache + "2604000b " + conf(1) + "+filler"},
         {"file-size limit",
@@ -191,33 +188,26 @@ TEST(Robust, EveryFaultLeavesWholeFilesAndLiveProcesses) {
              const DNS_IPADDR_S local{DNS_IP_TYPE_IPV4, {htonl(INADDR_LOOPBACK)}};
              return beside([&] { DNS_SetIpToMemCache("h", 60, local), lookup(DNS_GetIpFromMemCache); },
                            [] {
-                               int hung = 0;
+                               std::string hung; // a child still waiting after 5 s dies of SIGALRM (14)
                                for (int i = 0; i < 20; ++i) {
-                                   const pid_t pid = fork();
-                                   if (pid == 0) {
-                                       _exit(lookup(DNS_GetIpFromMemCache) == "0 " ? 0 : 1);
-                                   }
-                                   if (!wait_until([&] { return waitpid(pid, nullptr, WNOHANG) == pid; },
-                                                   std::chrono::seconds(5))) {
-                                       ++hung, kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
-                                   }
+                                   hung += in_child(
+                                       [] { return alarm(5), lookup(DNS_GetIpFromMemCache), std::string(); });
                                }
-                               return to_string(hung) + " hung";
+                               return hung;
                            });
          },
-         "0 hung"},
+         ""},
         {"a waiter of a dead holder, the semaphore removed", waiter_of_dead_holder, "0 woke 0 "},
         {"/dev/zero as the resolver file",
          [] {
-             EXPECT_EQ(mount("/dev/zero", resolv, nullptr, MS_BIND, nullptr), 0);
-             DNS_SERVER_S got[1];
-             uint32_t count = 0;
-             DNS_LOCAL_SERVER_S rec{};
-             const std::string out =
-                 cat({hex(ORV_NETB_GetServer(got, 1, &count)), hex(DNS_LocateDnsServer(&rec)),
-                      hex(ORV_NETB_DnsSetConfig(0x2, got, nullptr, 0, 0))});
-             EXPECT_EQ(umount(resolv), 0);
-             return out;
+             return in_child([] {
+                 DNS_SERVER_S got[1];
+                 uint32_t count = 0;
+                 DNS_LOCAL_SERVER_S rec{};
+                 alarm(10), unshare(CLONE_NEWNS), mount("/dev/zero", resolv, nullptr, MS_BIND, nullptr);
+                 return cat({hex(ORV_NETB_GetServer(got, 1, &count)), hex(DNS_LocateDnsServer(&rec)),
+                             hex(ORV_NETB_DnsSetConfig(0x2, got, nullptr, 0, 0))});
+             });
          },
          "2604000c 2604000c 2604000c "},
         {"40,000 server lines",
@@ -236,19 +226,12 @@ TEST(Robust, EveryFaultLeavesWholeFilesAndLiveProcesses) {
                  {code, to_string(rec.ulDnsServers), " servers ", to_string(calls(op::alloc) - before)});
          },
          "0 40000 servers 15"},
-        {"links planted at the temporary names",
+        {"a link planted at the temporary name",
          [] {
-             const std::string base = "/var/dnsresolv.tmp", victim = "/var/orvdnsvictim";
-             const std::string links[] = {base, base + ".0", cat({base, ".", to_string(getpid()), ".0"}),
-                                          victim};
-             for (const std::string &l : links) {
-                 (void)!symlink(victim.c_str(), l.c_str());
-             }
-             unlink(victim.c_str()), write_file(victim, "keep");
+             const char *const link = "/var/dnsresolv.tmp", *const victim = "/var/orvdnsvictim";
+             (void)!symlink(victim, link), write_file(victim, "keep");
              const std::string out = cat({set_server(2), read_file(resolv), read_file(victim)});
-             for (const std::string &l : links) {
-                 unlink(l.c_str());
-             }
+             unlink(link), unlink(victim);
              return out;
          },
          "0 " + conf(2) + "keep"},
@@ -293,10 +276,9 @@ TEST(Robust, EveryFaultLeavesWholeFilesAndLiveProcesses) {
          },
          "2604000a mapped"},
     };
-    for (const auto &r : rows) {
-        write_file(resolv, conf(1));
-        write_file(v4_cache, cache);
-        EXPECT_EQ(r.run(), r.expect) << r.fault;
+    for (const auto &[fault, run, expect] : rows) {
+        write_file(resolv, conf(1)), write_file(v4_cache, cache);
+        EXPECT_EQ(run(), expect) << fault;
     }
 }
 
