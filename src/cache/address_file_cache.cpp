@@ -72,17 +72,14 @@ uint32_t create_address_file(const char *path, const char *name, uint32_t ttl, c
 // new record is not kept either. `cache` stands at the start.
 uint32_t store_record(text_file &cache, const char *path, bool full, const char *name, uint32_t ttl,
                       const DNS_IPADDR_S &addr) {
+    auto stamp_of = [](line_words &words, const char *&stamp) {
+        (void)words.next();
+        (void)words.next();
+        stamp = words.next();
+        return stamp != nullptr;
+    };
     uint64_t candidate = 0;
-    uint32_t ret = !full ? DNS_OK
-                         : find_oldest_line(
-                               cache,
-                               [](line_words &words, const char *&stamp) {
-                                   (void)words.next();
-                                   (void)words.next();
-                                   stamp = words.next();
-                                   return stamp != nullptr;
-                               },
-                               candidate);
+    uint32_t ret = full ? find_oldest_line(cache, stamp_of, candidate) : DNS_OK;
     if (ret != DNS_OK) {
         return ret;
     }

@@ -89,7 +89,8 @@ void unlock_caches_after_fork() {
     (void)pthread_mutex_unlock(&g_heads_mutex);
 }
 
-const int g_cache_atfork = pthread_atfork(lock_caches_for_fork, unlock_caches_after_fork, unlock_caches_after_fork);
+const int g_cache_atfork =
+    pthread_atfork(lock_caches_for_fork, unlock_caches_after_fork, unlock_caches_after_fork);
 
 // Creates the head `*slot` when there is none yet.
 void create_head_once(DNS_CACHE_HEAD_S **slot, DNS_TYPE_E type) {

@@ -69,23 +69,21 @@ uint32_t create_service_file(const char *name, uint32_t now, const DNS_SRV_RR_S 
 // the rewrite too, so a file never keeps half an entry). A full file (`full`)
 // leaves out its first entry with the smallest stamp (head and record lines).
 // `cache` stands at the start.
-uint32_t store_entry(text_file &cache, bool full, const char *head, const DNS_SRV_RR_S *records, uint32_t count,
-                     const uint32_t *ttls) {
+uint32_t store_entry(text_file &cache, bool full, const char *head, const DNS_SRV_RR_S *records,
+                     uint32_t count, const uint32_t *ttls) {
+    auto stamp_of = [](line_words &words, const char *&stamp) {
+        const char *first = words.next();
+        if (first == nullptr) {
+            return false;
+        }
+        if (is_record_line(first)) {
+            return true; // no stamp on a record line
+        }
+        stamp = words.next();
+        return stamp != nullptr;
+    };
     uint64_t candidate = 0;
-    uint32_t ret = !full ? DNS_OK : find_oldest_line(
-        cache,
-        [](line_words &words, const char *&stamp) {
-            const char *first = words.next();
-            if (first == nullptr) {
-                return false;
-            }
-            if (is_record_line(first)) {
-                return true; // no stamp on a record line
-            }
-            stamp = words.next();
-            return stamp != nullptr;
-        },
-        candidate);
+    uint32_t ret = full ? find_oldest_line(cache, stamp_of, candidate) : DNS_OK;
     if (ret != DNS_OK) {
         return ret;
     }

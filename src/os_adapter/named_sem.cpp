@@ -49,9 +49,13 @@ const int g_atfork = pthread_atfork([] { g_mutex.lock(); }, [] { g_mutex.unlock(
                                     [] { g_mutex.unlock(); });
 
 // glibc keeps named semaphores as /dev/shm/sem.<name>.
-std::string object_path(const char *name) { return std::string("/dev/shm/sem.") + (name[0] == '/' ? name + 1 : name); }
+std::string object_path(const char *name) {
+    return std::string("/dev/shm/sem.") + (name[0] == '/' ? name + 1 : name);
+}
 
-bool identify(const char *name, struct stat *st) { return stat(object_path(name).c_str(), st) == 0; }
+bool identify(const char *name, struct stat *st) {
+    return stat(object_path(name).c_str(), st) == 0;
+}
 
 // sem_open, but a semaphore this call creates gets `mode` itself: the
 // creator's umask would otherwise lock other users out.
