@@ -1,10 +1,12 @@
 // The system-wide named semaphore and the process-private locks.
+#include <fcntl.h>
+
 #include "vek_dns_ops.h"
 #include "vek_os_adapter.h"
 
 namespace {
 constexpr const char sem_name[] = "dns_lock_sem";
-constexpr int sem_create_flag = 64; // create if missing
+constexpr int sem_create_flag = O_CREAT; // create if missing (64 here)
 constexpr uint32_t sem_mode = 511;  // 0777
 } // namespace
 

@@ -1,6 +1,9 @@
 // Logging, log level and version.
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
+#include <ctime>
+#include <pthread.h>
 
 #include "base/secure.h"
 #include "vek_dns_ops.h"
@@ -8,6 +11,30 @@
 namespace {
 constexpr size_t log_buffer_size = 4096;
 constexpr const char version_text[] = "QUORIN DNS 100.001.01.013.SP02";
+// The default sink: standard output. A write to a pipe whose reader went
+// away must not raise SIGPIPE (its default action would kill the process,
+// maybe inside "dns_lock_sem"): it is blocked in this thread around the
+// write, and one raised by the write is consumed. A failed write loses the
+// line, nothing else.
+void print_to_stdout(const char *text, const char *suffix) {
+    sigset_t pipe_only;
+    sigset_t saved;
+    sigset_t pending;
+    (void)sigemptyset(&pipe_only);
+    (void)sigaddset(&pipe_only, SIGPIPE);
+    (void)sigpending(&pending);
+    const bool pending_before = sigismember(&pending, SIGPIPE) == 1;
+    (void)pthread_sigmask(SIG_BLOCK, &pipe_only, &saved);
+    if (std::printf("%s%s", text, suffix) < 0 || std::fflush(stdout) != 0) {
+        std::clearerr(stdout);
+    }
+    if (!pending_before && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1) {
+        const struct timespec no_wait {};
+        (void)sigtimedwait(&pipe_only, nullptr, &no_wait);
+    }
+    (void)pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+}
+
 } // namespace
 
 extern "C" {
@@ -35,13 +62,13 @@ VEK_DNS_API void DNS_LOG(uint32_t ulLevel, const char *pszFormat, ...) {
         if (sink != nullptr) {
             sink(failure);
         } else {
-            (void)std::fputs(failure, stdout);
+            print_to_stdout(failure, "");
         }
     }
     if (sink != nullptr) {
         sink(buffer);
     } else {
-        (void)std::printf("%s \r\n", buffer);
+        print_to_stdout(buffer, " \r\n");
     }
 }
 

@@ -2,7 +2,10 @@
 #include "base/sys.h"
 
 #include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "os_adapter/test_hooks.h"
 
@@ -16,7 +19,8 @@ int socket(int domain, int type, int protocol) {
         errno = EMFILE;
         return -1;
     }
-    return ::socket(domain, type, protocol);
+    // Never inherited by a program the application starts.
+    return ::socket(domain, type | SOCK_CLOEXEC, protocol);
 }
 
 int connect(int fd, const struct sockaddr *addr, socklen_t len) {
@@ -57,6 +61,51 @@ int chmod(const char *path, mode_t mode) {
         return -1;
     }
     return ::chmod(path, mode);
+}
+
+FILE *create_exclusive(const char *path) {
+    if (pal_test::should_fail_fopen(path)) {
+        errno = ENOSPC;
+        return nullptr;
+    }
+    int fd = ::open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        return nullptr;
+    }
+    FILE *file = ::fdopen(fd, "w");
+    if (file == nullptr) {
+        (void)::close(fd);
+        (void)::unlink(path);
+    }
+    return file;
+}
+
+// The call, or -1 with `fault_errno` when a test makes `o` fail.
+template <typename Call> int unless_failed(op o, int fault_errno, Call call) {
+    if (should_fail(o)) {
+        errno = fault_errno;
+        return -1;
+    }
+    return call();
+}
+
+int fflush(FILE *file) {
+    return unless_failed(op::fflush, ENOSPC, [&] { return ::fflush(file); });
+}
+int fsync(int fd) {
+    return unless_failed(op::fsync, EIO, [&] { return ::fsync(fd); });
+}
+int fchmod(int fd, mode_t mode) {
+    return unless_failed(op::fchmod, EPERM, [&] { return ::fchmod(fd, mode); });
+}
+int fchown(int fd, uid_t uid, gid_t gid) {
+    return unless_failed(op::fchown, EPERM, [&] { return ::fchown(fd, uid, gid); });
+}
+int ftruncate(int fd, off_t length) {
+    return unless_failed(op::ftruncate, EIO, [&] { return ::ftruncate(fd, length); });
+}
+int rename(const char *from, const char *to) {
+    return unless_failed(op::rename, EIO, [&] { return ::rename(from, to); });
 }
 
 } // namespace vekdns::sys

@@ -9,7 +9,7 @@
 #include <arpa/inet.h>
 #include <cstring>
 
-#include "cache/text_file.h"
+#include "base/text_file.h"
 #include "config/cache_params.h"
 
 using namespace vekdns::detail;
@@ -50,7 +50,7 @@ uint32_t create_address_file(const char *path, const char *name, uint32_t ttl, c
         PAL_Inet_Ntop(AF_INET6, addr.unIpAddr.aucIpv6, address, sizeof(address)) == nullptr) {
         return DNS_ERR_ADDR_TO_TEXT;
     }
-    return create_file(path, created_file_mode, true, [&](text_file &file) {
+    return create_file(path, vekdns::resolv_temp_path, created_file_mode, true, [&](text_file &file) {
         char text[line_buffer_size];
         const int number = static_cast<int>(vekdns::cache_default_max_number);
         const int time = static_cast<int>(vekdns::cache_default_max_time);
@@ -67,54 +67,31 @@ uint32_t create_address_file(const char *path, const char *name, uint32_t ttl, c
     });
 }
 
-uint32_t append_record(const char *path, const char *name, uint32_t ttl, const DNS_IPADDR_S &addr) {
-    text_file file(path, "a");
-    if (!file.is_open()) {
-        return open_failed();
-    }
-    char record[line_buffer_size] = {};
-    uint32_t ret = dnsFormatCacheRecord(name, record, ttl, addr);
-    if (ret != DNS_OK) {
-        return ret;
-    }
-    if (!file.put(record)) {
-        return write_failed();
-    }
-    return DNS_OK;
-}
-
-// The file is full: the first record with the smallest stamp is left out and
-// the new record is written at the end. `cache` stands at the start.
-uint32_t replace_oldest_record(text_file &cache, const char *path, const char *name, uint32_t ttl,
-                               const DNS_IPADDR_S &addr) {
+// Rewrites the file with the new record at its end. A full file (`full`)
+// leaves out its first record with the smallest stamp; when it has none, the
+// new record is not kept either. `cache` stands at the start.
+uint32_t store_record(text_file &cache, const char *path, bool full, const char *name, uint32_t ttl,
+                      const DNS_IPADDR_S &addr) {
+    auto stamp_of = [](line_words &words, const char *&stamp) {
+        (void)words.next();
+        (void)words.next();
+        stamp = words.next();
+        return stamp != nullptr;
+    };
     uint64_t candidate = 0;
-    uint32_t ret = find_oldest_line(
-        cache,
-        [](line_words &words, const char *&stamp) {
-            (void)words.next();
-            (void)words.next();
-            stamp = words.next();
-            return stamp != nullptr;
-        },
-        candidate);
+    uint32_t ret = full ? find_oldest_line(cache, stamp_of, candidate) : DNS_OK;
     if (ret != DNS_OK) {
         return ret;
     }
-    temp_rewrite temp(vekdns::resolv_temp_path);
+    temp_rewrite temp(vekdns::resolv_temp_path, "write cache file failed!\r\n");
     if (!temp.open()) {
         return open_failed();
     }
     char piece[line_buffer_size] = {};
     char record[line_buffer_size] = {};
-    bool have_record = false;
     uint64_t line_no = 0;
     while (cache.next_piece(piece)) {
         if (++line_no == candidate) {
-            ret = dnsFormatCacheRecord(name, record, ttl, addr);
-            if (ret != DNS_OK) {
-                return ret;
-            }
-            have_record = true;
             continue;
         }
         if (!temp.out.put(piece)) {
@@ -122,10 +99,16 @@ uint32_t replace_oldest_record(text_file &cache, const char *path, const char *n
         }
     }
     if (!cache.ended()) {
-        return DNS_ERR_SEEK_FILE;
+        return cache.stop_code();
     }
-    if (have_record && !temp.out.put(record)) {
-        return write_failed();
+    if (!full || candidate != 0) {
+        ret = dnsFormatCacheRecord(name, record, ttl, addr);
+        if (ret != DNS_OK) {
+            return ret;
+        }
+        if (!temp.out.put(record)) {
+            return write_failed();
+        }
     }
     return temp.commit(cache, path);
 }
@@ -185,19 +168,20 @@ VEK_DNS_API uint32_t DNS_SetIpToFileCache(const char *pszName, uint32_t ulTtl, D
             return DNS_ERR_FILE_FORMAT;
         }
     }
-    if (!cache.ended() || !cache.rewind()) {
+    if (!cache.ended()) {
+        return cache.stop_code();
+    }
+    if (!cache.rewind()) {
         return DNS_ERR_SEEK_FILE;
     }
     // Counted in 64 bits: a maxnumber near 2^32 must not wrap around.
     const uint64_t full_lines = static_cast<uint64_t>(max_number) + 2;
-    if (full_lines > lines) {
-        cache.close();
-        return append_record(path, pszName, ulTtl, stIpAddr);
-    }
     if (full_lines < lines) {
         return DNS_ERR_FILE_FORMAT;
     }
-    return replace_oldest_record(cache, path, pszName, ulTtl, stIpAddr);
+    // An append goes through the rewrite as well: a file is never left with
+    // half a line.
+    return store_record(cache, path, full_lines == lines, pszName, ulTtl, stIpAddr);
 }
 
 VEK_DNS_API uint32_t DNS_GetIpFromFileCache(const char *pszName, DNS_IPADDR_S *pstIpAddr, uint32_t *pulNum) {
@@ -213,7 +197,7 @@ VEK_DNS_API uint32_t DNS_GetIpFromFileCache(const char *pszName, DNS_IPADDR_S *p
         DNS_LOG(3, "DNS_GetIpFromFileCache DNS_OpenCacheFile failed");
         return DNS_ERR_OPEN_FILE;
     }
-    temp_rewrite temp(vekdns::resolv_temp_path);
+    temp_rewrite temp(vekdns::resolv_temp_path, "write cache file failed!\r\n");
     if (!temp.open()) {
         return open_failed();
     }
@@ -233,7 +217,10 @@ VEK_DNS_API uint32_t DNS_GetIpFromFileCache(const char *pszName, DNS_IPADDR_S *p
             return DNS_ERR_FILE_FORMAT;
         }
     }
-    if (!cache.ended() || !cache.rewind()) {
+    if (!cache.ended()) {
+        return cache.stop_code();
+    }
+    if (!cache.rewind()) {
         return DNS_ERR_SEEK_FILE;
     }
     if (lines == 2) {
@@ -292,10 +279,10 @@ VEK_DNS_API uint32_t DNS_GetIpFromFileCache(const char *pszName, DNS_IPADDR_S *p
         }
     }
     if (!cache.ended()) {
-        return DNS_ERR_SEEK_FILE;
+        return cache.stop_code();
     }
-    if (temp.commit(cache, path) != DNS_OK) {
-        return DNS_ERR_COPY_FILE;
+    if (uint32_t ret = temp.commit(cache, path); ret != DNS_OK) {
+        return ret;
     }
     DNS_LOG(6, "get ip from cache success!!!\r\n");
     *pulNum = found;

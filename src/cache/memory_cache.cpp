@@ -6,7 +6,10 @@
 // Every caller of the façade holds the named semaphore (the outer lock) around
 // its calls: that is what makes the lazy creation of a head, the full test
 // before eviction and the destruction of the heads safe.
+#include <cerrno>
 #include <cstdint>
+#include <initializer_list>
+#include <pthread.h>
 
 #include "base/memory.h"
 #include "base/secure.h"
@@ -55,6 +58,52 @@ extern "C" {
 VEK_DNS_API DNS_CACHE_HEAD_S *pstDNSCache = nullptr;
 VEK_DNS_API DNS_CACHE_HEAD_S *pstDNSAAAACache = nullptr;
 VEK_DNS_API DNS_CACHE_HEAD_S *pstDNSSRVCache = nullptr;
+
+} // extern "C"
+
+namespace {
+
+// A child forked while another thread is inside a cache must not inherit
+// that cache's lock taken: fork waits until every cache lock is free (taken
+// in prepare in the clean-up's order, SRV, A, AAAA; released in parent and
+// child). g_heads_mutex keeps the heads from being created or destroyed
+// meanwhile; it is taken before a cache lock, never after one.
+pthread_mutex_t g_heads_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+// The semaphores are taken directly, not through the platform's wait: the
+// handlers of the platform layer may run before these and hold its table.
+void lock_caches_for_fork() {
+    (void)pthread_mutex_lock(&g_heads_mutex);
+    for (DNS_CACHE_HEAD_S *head : {pstDNSSRVCache, pstDNSCache, pstDNSAAAACache}) {
+        while (head != nullptr && sem_wait(head->pstSem) != 0 && errno == EINTR) {
+        }
+    }
+}
+
+void unlock_caches_after_fork() {
+    for (DNS_CACHE_HEAD_S *head : {pstDNSSRVCache, pstDNSCache, pstDNSAAAACache}) {
+        if (head != nullptr) {
+            (void)sem_post(head->pstSem);
+        }
+    }
+    (void)pthread_mutex_unlock(&g_heads_mutex);
+}
+
+const int g_cache_atfork =
+    pthread_atfork(lock_caches_for_fork, unlock_caches_after_fork, unlock_caches_after_fork);
+
+// Creates the head `*slot` when there is none yet.
+void create_head_once(DNS_CACHE_HEAD_S **slot, DNS_TYPE_E type) {
+    (void)pthread_mutex_lock(&g_heads_mutex);
+    if (*slot == nullptr) {
+        *slot = DNS_CreateCache(type, 0, 0);
+    }
+    (void)pthread_mutex_unlock(&g_heads_mutex);
+}
+
+} // namespace
+
+extern "C" {
 
 VEK_DNS_API DNS_CACHE_HEAD_S *DNS_CreateCache(DNS_TYPE_E enDNSType, uint32_t ulMaxNumber,
                                               uint32_t ulMaxTime) {
@@ -129,10 +178,15 @@ VEK_DNS_API void dnsDestoryCacheItemList(DNS_CACHE_ITEM_S *pstCacheFirst) {
 }
 
 VEK_DNS_API void DNS_DestoryCache(DNS_CACHE_HEAD_S **ppstCacheHead) {
-    if (ppstCacheHead == nullptr || *ppstCacheHead == nullptr) {
+    if (ppstCacheHead == nullptr) {
         return;
     }
+    (void)pthread_mutex_lock(&g_heads_mutex);
     DNS_CACHE_HEAD_S *head = *ppstCacheHead;
+    if (head == nullptr) {
+        (void)pthread_mutex_unlock(&g_heads_mutex);
+        return;
+    }
     sem_t *sem = head->pstSem;
     (void)DNS_Lock(sem);
     dnsDestoryCacheItemList(head->pstCacheFirst);
@@ -141,6 +195,7 @@ VEK_DNS_API void DNS_DestoryCache(DNS_CACHE_HEAD_S **ppstCacheHead) {
     (void)DNS_UnLock(sem);
     (void)DNS_DestoryLock(sem);
     VEK_FREE(sem);
+    (void)pthread_mutex_unlock(&g_heads_mutex);
 }
 
 VEK_DNS_API DNS_CACHE_HEAD_S *dnsGetCacheByType(DNS_TYPE_E enDNSType) {
@@ -296,9 +351,9 @@ VEK_DNS_API void dnsDelOldestRecord(DNS_CACHE_HEAD_S *pstCacheHead) {
 
 VEK_DNS_API uint32_t DNS_SetIpToMemCache(const char *pszName, uint32_t ulTtl, DNS_IPADDR_S stIpAddr) {
     if (stIpAddr.ulType == DNS_IP_TYPE_IPV4 && pstDNSCache == nullptr) {
-        pstDNSCache = DNS_CreateCache(DNS_A, 0, 0);
+        create_head_once(&pstDNSCache, DNS_A);
     } else if (stIpAddr.ulType == DNS_IP_TYPE_IPV6 && pstDNSAAAACache == nullptr) {
-        pstDNSAAAACache = DNS_CreateCache(DNS_AAAA, 0, 0);
+        create_head_once(&pstDNSAAAACache, DNS_AAAA);
     }
     DNS_CACHE_HEAD_S *head = dnsGetCacheByType(stIpAddr.ulType);
     if (head == nullptr) {
@@ -353,7 +408,7 @@ VEK_DNS_API uint32_t DNS_GetIpFromMemCache(const char *pszName, DNS_IPADDR_S *ps
 VEK_DNS_API uint32_t DNS_SetSrvToMemCache(const char *pszName, const DNS_SRV_RR_S *pstSrvRR,
                                           uint32_t ulSrvNum, const uint32_t *pulTtl) {
     if (pstDNSSRVCache == nullptr) {
-        pstDNSSRVCache = DNS_CreateCache(DNS_SRV, 0, 0);
+        create_head_once(&pstDNSSRVCache, DNS_SRV);
         if (pstDNSSRVCache == nullptr) {
             DNS_LOG(3, "pstCacheHead is null");
             return DNS_ERR_MEM_ALLOC;

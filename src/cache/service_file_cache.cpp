@@ -61,38 +61,29 @@ uint32_t create_service_file(const char *name, uint32_t now, const DNS_SRV_RR_S 
                    static_cast<int>(vekdns::cache_default_max_time), name, now, count) < 0) {
         return DNS_ERR_RECORD_INVALID;
     }
-    return create_file(vekdns::srv_cache_path, created_file_mode, false,
+    return create_file(vekdns::srv_cache_path, srv_temp_path, created_file_mode, false,
                        [&](text_file &file) { return write_entry(&file, text, records, count, ttls); });
 }
 
-uint32_t append_entry(const char *head, const DNS_SRV_RR_S *records, uint32_t count, const uint32_t *ttls) {
-    text_file file(vekdns::srv_cache_path, "a");
-    if (!file.is_open()) {
-        return DNS_ERR_OPEN_FILE;
-    }
-    return write_entry(&file, head, records, count, ttls);
-}
-
-// The file is full: the first entry with the smallest stamp is left out (head
-// and record lines) and the new entry is written at the end. `cache` stands
-// at the start.
-uint32_t replace_oldest_entry(text_file &cache, const char *head, const DNS_SRV_RR_S *records, uint32_t count,
-                              const uint32_t *ttls) {
+// Rewrites the file with the new entry at its end (an append goes through
+// the rewrite too, so a file never keeps half an entry). A full file (`full`)
+// leaves out its first entry with the smallest stamp (head and record lines).
+// `cache` stands at the start.
+uint32_t store_entry(text_file &cache, bool full, const char *head, const DNS_SRV_RR_S *records,
+                     uint32_t count, const uint32_t *ttls) {
+    auto stamp_of = [](line_words &words, const char *&stamp) {
+        const char *first = words.next();
+        if (first == nullptr) {
+            return false;
+        }
+        if (is_record_line(first)) {
+            return true; // no stamp on a record line
+        }
+        stamp = words.next();
+        return stamp != nullptr;
+    };
     uint64_t candidate = 0;
-    uint32_t ret = find_oldest_line(
-        cache,
-        [](line_words &words, const char *&stamp) {
-            const char *first = words.next();
-            if (first == nullptr) {
-                return false;
-            }
-            if (is_record_line(first)) {
-                return true; // no stamp on a record line
-            }
-            stamp = words.next();
-            return stamp != nullptr;
-        },
-        candidate);
+    uint32_t ret = full ? find_oldest_line(cache, stamp_of, candidate) : DNS_OK;
     if (ret != DNS_OK) {
         return ret;
     }
@@ -119,11 +110,11 @@ uint32_t replace_oldest_entry(text_file &cache, const char *head, const DNS_SRV_
         }
     }
     if (!cache.ended()) {
-        return DNS_ERR_SEEK_FILE;
+        return cache.stop_code();
     }
-    // No candidate: the file holds no entry at all (maxnumber 0), and the
-    // new entry is not kept either.
-    if (candidate != 0) {
+    // No candidate in a full file: it holds no entry at all (maxnumber 0),
+    // and the new entry is not kept either.
+    if (!full || candidate != 0) {
         ret = write_entry(&temp.out, head, records, count, ttls);
         if (ret != DNS_OK) {
             return ret;
@@ -139,7 +130,7 @@ uint32_t DNS_SrvCacheTravelOneRecord(text_file &cache, char (&piece)[line_buffer
     for (;;) {
         have = cache.next_piece(piece);
         if (!have) {
-            return cache.ended() ? DNS_OK : DNS_ERR_SEEK_FILE;
+            return cache.ended() ? DNS_OK : cache.stop_code();
         }
         ++line_no;
         line_words words(piece);
@@ -221,7 +212,7 @@ uint32_t DNS_SrvCacheGetInfo(text_file &file, uint32_t *pulMaxNum, uint32_t *pul
         }
     }
     if (!file.ended()) {
-        return DNS_ERR_SEEK_FILE;
+        return file.stop_code();
     }
     // A file with fewer than two head lines holds no entry.
     if (pulRecordNum != nullptr) {
@@ -329,14 +320,10 @@ VEK_DNS_API uint32_t DNS_SetSrvToFileCache(const char *pszName, const DNS_SRV_RR
     if (!cache.rewind()) {
         return DNS_ERR_SEEK_FILE;
     }
-    if (entries < max_number) {
-        cache.close();
-        return append_entry(head, pstSrvRR, ulSrvNum, pulTtl);
-    }
     if (entries > max_number) {
         return DNS_ERR_SRV_CACHE_FILE;
     }
-    return replace_oldest_entry(cache, head, pstSrvRR, ulSrvNum, pulTtl);
+    return store_entry(cache, entries == max_number, head, pstSrvRR, ulSrvNum, pulTtl);
 }
 
 VEK_DNS_API uint32_t DNS_GetSrvFromFileCache(const char *pszName, DNS_SRV_RR_S *pstSrvRR,
@@ -434,7 +421,7 @@ VEK_DNS_API uint32_t DNS_GetSrvFromFileCache(const char *pszName, DNS_SRV_RR_S *
         advance();
     }
     if (!cache.ended()) {
-        return DNS_ERR_SEEK_FILE;
+        return cache.stop_code();
     }
     if (result == DNS_OK) {
         ret = DNS_SrvCacheFindRecond(cache, found_head, found_count, pstSrvRR);
@@ -444,9 +431,9 @@ VEK_DNS_API uint32_t DNS_GetSrvFromFileCache(const char *pszName, DNS_SRV_RR_S *
         }
         *pulSrvNum = found_count;
     }
-    if (temp.commit(cache, vekdns::srv_cache_path) != DNS_OK) {
+    if (uint32_t committed = temp.commit(cache, vekdns::srv_cache_path); committed != DNS_OK) {
         DNS_LOG(3, "DNS_GetSrvFromFileCache DNS_CopyOneFileToAnother failed");
-        return DNS_ERR_COPY_FILE;
+        return committed;
     }
     return result;
 }

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "cache/text_file.h"
+#include "base/text_file.h"
 #include "vek_dns.h"
 
 // Reads the file from where it stands to its end: maxnumber and maxtime from

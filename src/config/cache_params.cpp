@@ -2,7 +2,7 @@
 // cache file.
 #include "config/cache_params.h"
 
-#include "cache/text_file.h"
+#include "base/text_file.h"
 
 using namespace vekdns::detail;
 
@@ -17,7 +17,7 @@ const char *parameter_line(char (&line)[line_buffer_size], bool is_number, uint3
 }
 
 uint32_t create_with_parameters(const char *path, uint32_t number, uint32_t time) {
-    return create_file(path, created_file_mode, true, [&](text_file &file) {
+    return create_file(path, vekdns::resolv_temp_path, created_file_mode, true, [&](text_file &file) {
         char line[line_buffer_size];
         // The second line is not attempted after a failed first one.
         const bool written =
@@ -33,7 +33,7 @@ uint32_t rewrite_parameters(const char *path, uint32_t number, uint32_t time) {
     if (!cache.is_open()) {
         return open_failed();
     }
-    temp_rewrite temp(vekdns::resolv_temp_path);
+    temp_rewrite temp(vekdns::resolv_temp_path, "write temp file failed!\r\n");
     if (!temp.open()) {
         return open_failed();
     }
@@ -57,7 +57,7 @@ uint32_t rewrite_parameters(const char *path, uint32_t number, uint32_t time) {
         }
     }
     if (!cache.ended()) {
-        return DNS_ERR_SEEK_FILE; // read stopped early: keep the file as it is
+        return cache.stop_code(); // read stopped early: keep the file as it is
     }
     return temp.commit(cache, path);
 }

@@ -7,6 +7,7 @@
 
 #include "base/memory.h"
 #include "base/secure.h"
+#include "base/text_file.h"
 #include "vek_dns_ops.h"
 #include "vek_os_adapter.h"
 
@@ -105,6 +106,59 @@ bool first_server_usable(const DNS_LOCAL_SERVER_S *rec) {
 
 } // namespace
 
+namespace vekdns::detail {
+
+// Appends one server to the record. When the array is full it grows to one
+// more entry, or with `doubling` to twice its `capacity` (discovery: one
+// allocation and copy per doubling keeps a long file linear).
+uint32_t add_local_server(const char *text, DNS_LOCAL_SERVER_S *rec, uint32_t &capacity, bool doubling) {
+    if (rec == nullptr) {
+        return DNS_ERR_PARA_INVALID;
+    }
+    if (text == nullptr) {
+        DNS_FreeLocalServer(rec);
+        return DNS_ERR_PARA_INVALID;
+    }
+    const uint32_t count = rec->ulDnsServers;
+    if (rec->pstDnsServer == nullptr || count >= capacity) {
+        const uint32_t grown_count = doubling ? (count < 4 ? 4 : count * 2) : count + 1;
+        const size_t grown_size = static_cast<size_t>(grown_count) * sizeof(DNS_IPADDR_S);
+        auto *grown = static_cast<DNS_IPADDR_S *>(VEK_MALLOC(grown_size));
+        if (grown == nullptr) {
+            DNS_FreeLocalServer(rec);
+            return DNS_ERR_NO_MEMORY;
+        }
+        if (count != 0 && rec->pstDnsServer != nullptr) {
+            errno_t err = memcpy_s(grown, grown_size, rec->pstDnsServer, count * sizeof(DNS_IPADDR_S));
+            if (err != 0) {
+                DNS_LOG(3, "secure func return fail! err = %d", err);
+            }
+        }
+        DNS_FreeLocalServer(rec);
+        rec->pstDnsServer = grown;
+        capacity = grown_count;
+    }
+    // The new entry starts as an empty IPv4 record: a text that is not parsed
+    // (empty, or neither '.' nor ':') leaves it so, which makes the resolver
+    // loop skip it and discovery fail when it is the first entry.
+    DNS_IPADDR_S *entry = &rec->pstDnsServer[count];
+    std::memset(entry, 0, sizeof(*entry));
+    if (text[0] != '\0') {
+        uint32_t ret = DNS_GetServerIpAndIpType(text, entry);
+        if (ret != DNS_OK) {
+            DNS_FreeLocalServer(rec);
+            rec->ulDnsServers = 0;
+            return ret;
+        }
+    } else {
+        DNS_LOG(2, "%s", "no primary DNS server found!\r\n");
+    }
+    rec->ulDnsServers = count + 1;
+    return DNS_OK;
+}
+
+} // namespace vekdns::detail
+
 extern "C" {
 
 VEK_DNS_API uint32_t DNS_GetServerIpAndIpType(const char *pszServer, DNS_IPADDR_S *pstIpAddr) {
@@ -145,47 +199,8 @@ VEK_DNS_API void DNS_FreeLocalServer(DNS_LOCAL_SERVER_S *pstLocalServer) {
 }
 
 VEK_DNS_API uint32_t dnsAddLocalServer(const char *pszServer, DNS_LOCAL_SERVER_S *pstLocalServer) {
-    if (pstLocalServer == nullptr) {
-        return DNS_ERR_PARA_INVALID;
-    }
-    if (pszServer == nullptr) {
-        DNS_FreeLocalServer(pstLocalServer);
-        return DNS_ERR_PARA_INVALID;
-    }
-    const uint32_t count = pstLocalServer->ulDnsServers;
-    const size_t grown_size = (static_cast<size_t>(count) + 1) * sizeof(DNS_IPADDR_S);
-    auto *grown = static_cast<DNS_IPADDR_S *>(VEK_MALLOC(grown_size));
-    if (grown == nullptr) {
-        DNS_FreeLocalServer(pstLocalServer);
-        return DNS_ERR_NO_MEMORY;
-    }
-    if (count != 0 && pstLocalServer->pstDnsServer != nullptr) {
-        errno_t err = memcpy_s(grown, grown_size, pstLocalServer->pstDnsServer,
-                               count * sizeof(DNS_IPADDR_S));
-        if (err != 0) {
-            DNS_LOG(3, "secure func return fail! err = %d", err);
-        }
-    }
-    // The new entry starts as an empty IPv4 record: a text that is not parsed
-    // (empty, or neither '.' nor ':') leaves it so, which makes the resolver
-    // loop skip it and discovery fail when it is the first entry.
-    DNS_IPADDR_S *entry = &grown[count];
-    std::memset(entry, 0, sizeof(*entry));
-    if (pszServer[0] != '\0') {
-        uint32_t ret = DNS_GetServerIpAndIpType(pszServer, entry);
-        if (ret != DNS_OK) {
-            VEK_FREE(grown);
-            DNS_FreeLocalServer(pstLocalServer);
-            pstLocalServer->ulDnsServers = 0;
-            return ret;
-        }
-    } else {
-        DNS_LOG(2, "%s", "no primary DNS server found!\r\n");
-    }
-    DNS_FreeLocalServer(pstLocalServer);
-    pstLocalServer->pstDnsServer = grown;
-    pstLocalServer->ulDnsServers = count + 1;
-    return DNS_OK;
+    uint32_t capacity = pstLocalServer != nullptr ? pstLocalServer->ulDnsServers : 0;
+    return vekdns::detail::add_local_server(pszServer, pstLocalServer, capacity, false);
 }
 
 VEK_DNS_API uint32_t DNS_LocateDnsServer(DNS_LOCAL_SERVER_S *pstLocalServer) {
@@ -202,7 +217,15 @@ VEK_DNS_API uint32_t DNS_LocateDnsServer(DNS_LOCAL_SERVER_S *pstLocalServer) {
         // Each read is a piece of at most 127 characters; a longer line comes
         // in several pieces, and each piece counts as a line of its own. Only
         // the space separates tokens: the line feed stays on the last one.
+        // More than max_read_bytes is no resolver file (an endless device).
+        uint64_t read = 0;
+        uint32_t capacity = 0;
         while (PAL_Fgets(line, line_read_size, file.get()) != nullptr) {
+            read += vekdns::detail::piece_bytes(line, file.get());
+            if (read > vekdns::detail::max_read_bytes) {
+                DNS_FreeLocalServer(pstLocalServer);
+                return DNS_ERR_FILE_FORMAT;
+            }
             char *ctx = nullptr;
             char *key = strtok_s(line, " ", &ctx);
             if (key == nullptr) {
@@ -215,7 +238,7 @@ VEK_DNS_API uint32_t DNS_LocateDnsServer(DNS_LOCAL_SERVER_S *pstLocalServer) {
                     DNS_FreeLocalServer(pstLocalServer);
                     return DNS_ERR_FILE_FORMAT;
                 }
-                uint32_t ret = dnsAddLocalServer(server, pstLocalServer);
+                uint32_t ret = vekdns::detail::add_local_server(server, pstLocalServer, capacity, true);
                 if (ret != DNS_OK) {
                     return ret; // the array is already released
                 }

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "base/sem_guard.h"
-#include "cache/text_file.h"
+#include "base/text_file.h"
 #include "config/cache_params.h"
 
 using namespace vekdns::detail;
@@ -163,7 +163,7 @@ VEK_DNS_API uint32_t DNS_SetServer(uint32_t ulIndex, const DNS_SERVER_S *pstServ
     const bool drop = (pstServer->ulType == DNS_IP_TYPE_IPV4 && pstServer->unIpAddr.ulIpv4 == 0) ||
                       PAL_StrCmp(address, "::") == 0;
 
-    temp_rewrite temp(vekdns::resolv_temp_path);
+    temp_rewrite temp(vekdns::resolv_temp_path, "write temp file failed!\r\n");
     if (!temp.open()) {
         DNS_LOG(2, "open or create temp file failed!\r\n");
         return DNS_ERR_OPEN_FILE;
@@ -201,7 +201,7 @@ VEK_DNS_API uint32_t DNS_SetServer(uint32_t ulIndex, const DNS_SERVER_S *pstServ
         }
     }
     if (!conf.ended()) {
-        return DNS_ERR_SEEK_FILE; // read stopped early: keep the file as it is
+        return conf.stop_code(); // read stopped early: keep the file as it is
     }
     if (!drop && counter < ulIndex) {
         (void)format_line(line, last_ended_with_newline ? "nameserver %s\n" : "\nnameserver %s\n", address);
@@ -256,7 +256,7 @@ VEK_DNS_API uint32_t DNS_GetServer(uint32_t ulIndex, DNS_SERVER_S *pstServer) {
         return DNS_OK;
     }
     if (!conf.ended()) {
-        return DNS_ERR_SEEK_FILE;
+        return conf.stop_code();
     }
     conf.close();
     std::memset(pstServer, 0, sizeof(*pstServer));

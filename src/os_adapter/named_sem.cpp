@@ -8,11 +8,15 @@
 #include "os_adapter/named_sem.h"
 
 #include <cerrno>
+#include <ctime>
+#include <fcntl.h>
 #include <mutex>
 #include <pthread.h>
 #include <string>
 #include <sys/stat.h>
 #include <vector>
+
+#include "os_adapter/test_hooks.h"
 
 namespace vekdns::pal {
 namespace {
@@ -23,21 +27,60 @@ struct mapping {
     ino_t ino;
     sem_t *sem;
     unsigned users;
+    int flags; // what it was opened with, to follow the name to a new one
+    mode_t mode;
+    unsigned value;
 };
 
-std::mutex g_mutex;
-std::vector<mapping> g_mappings; // guarded by g_mutex; a handful at most
+// Process-wide and never destroyed: a thread still running at exit (or
+// after the library was unloaded) never meets a destroyed table.
+std::mutex &g_mutex = *new std::mutex;
+std::vector<mapping> &g_mappings = *new std::vector<mapping>; // guarded by g_mutex; a handful at most
+
+// A wait of this thread that moved from a handle to the semaphore its name
+// refers to now.
+thread_local sem_t *t_moved_from = nullptr;
+thread_local sem_t *t_moved_to = nullptr;
+
+constexpr long wait_slice_ns = 250'000'000;
 
 // A child forked while another thread held the mutex must not inherit it locked.
 const int g_atfork = pthread_atfork([] { g_mutex.lock(); }, [] { g_mutex.unlock(); },
                                     [] { g_mutex.unlock(); });
 
+// glibc keeps named semaphores as /dev/shm/sem.<name>.
+std::string object_path(const char *name) {
+    return std::string("/dev/shm/sem.") + (name[0] == '/' ? name + 1 : name);
+}
+
 bool identify(const char *name, struct stat *st) {
-    // glibc keeps named semaphores as /dev/shm/sem.<name>.
-    const char *base = name[0] == '/' ? name + 1 : name;
-    std::string path = "/dev/shm/sem.";
-    path += base;
-    return stat(path.c_str(), st) == 0;
+    return stat(object_path(name).c_str(), st) == 0;
+}
+
+// sem_open, but a semaphore this call creates gets `mode` itself: the
+// creator's umask would otherwise lock other users out.
+sem_t *open_with_mode(const char *name, int flags, mode_t mode, unsigned value) {
+    if ((flags & O_CREAT) == 0) {
+        return sem_open(name, flags);
+    }
+    for (int attempt = 0; attempt < 8; ++attempt) {
+        sem_t *sem = sem_open(name, flags & ~O_CREAT);
+        if (sem != SEM_FAILED || errno != ENOENT) {
+            return sem;
+        }
+        sem = sem_open(name, flags | O_EXCL, mode, value);
+        if (sem != SEM_FAILED) {
+            const std::string path = object_path(name);
+            if (!pal_test::should_fail(pal_test::op::fchmod)) {
+                (void)chmod(path.c_str(), mode);
+            }
+            return sem;
+        }
+        if (errno != EEXIST) { // EEXIST: made meanwhile by another, open that one
+            return SEM_FAILED;
+        }
+    }
+    return SEM_FAILED;
 }
 
 } // namespace
@@ -60,7 +103,7 @@ sem_t *named_sem_open(const char *name, int flags, mode_t mode, unsigned value) 
             g_mappings.erase(g_mappings.begin() + static_cast<std::ptrdiff_t>(i));
         }
     }
-    sem_t *sem = sem_open(name, flags, mode, value);
+    sem_t *sem = open_with_mode(name, flags, mode, value);
     if (sem == SEM_FAILED) {
         return nullptr;
     }
@@ -79,11 +122,81 @@ sem_t *named_sem_open(const char *name, int flags, mode_t mode, unsigned value) 
             return sem;
         }
     }
-    g_mappings.push_back(mapping{name, st.st_dev, st.st_ino, sem, 1});
+    g_mappings.push_back(mapping{name, st.st_dev, st.st_ino, sem, 1, flags, mode, value});
     return sem;
 }
 
+namespace {
+
+// When `sem` is a named semaphore whose name now refers to another one (or
+// to none), opens that one and returns it; else nullptr.
+sem_t *follow_name(sem_t *sem) {
+    std::string name;
+    int flags = 0;
+    mode_t mode = 0;
+    unsigned value = 0;
+    {
+        std::lock_guard<std::mutex> lock(g_mutex);
+        struct stat st {};
+        for (const mapping &m : g_mappings) {
+            if (m.sem == sem) {
+                if (identify(m.name.c_str(), &st) && st.st_dev == m.dev && st.st_ino == m.ino) {
+                    return nullptr;
+                }
+                name = m.name;
+                flags = m.flags;
+                mode = m.mode;
+                value = m.value;
+                break;
+            }
+        }
+    }
+    return name.empty() ? nullptr : named_sem_open(name.c_str(), flags, mode, value);
+}
+
+} // namespace
+
+int sem_wait_sliced(sem_t *sem) {
+    for (;;) {
+        struct timespec deadline {};
+        (void)clock_gettime(CLOCK_REALTIME, &deadline);
+        deadline.tv_nsec += wait_slice_ns;
+        if (deadline.tv_nsec >= 1'000'000'000) {
+            deadline.tv_nsec -= 1'000'000'000;
+            ++deadline.tv_sec;
+        }
+        if (sem_timedwait(sem, &deadline) == 0) {
+            return 0;
+        }
+        if (errno == EINTR) {
+            continue;
+        }
+        if (errno != ETIMEDOUT) {
+            return -1;
+        }
+        sem_t *current = follow_name(sem);
+        if (current == nullptr) {
+            continue;
+        }
+        if (t_moved_to == sem) { // moved before: let go of the intermediate one
+            (void)named_sem_close(sem);
+        } else {
+            t_moved_from = sem;
+        }
+        t_moved_to = current;
+        sem = current;
+    }
+}
+
+sem_t *posted_sem(sem_t *handle) { return handle == t_moved_from && t_moved_to != nullptr ? t_moved_to : handle; }
+
 int named_sem_close(sem_t *sem) {
+    if (sem == t_moved_from && t_moved_to != nullptr) {
+        sem_t *moved_to = t_moved_to;
+        t_moved_from = nullptr;
+        t_moved_to = nullptr;
+        (void)named_sem_close(moved_to);
+    }
     // No system call here: an idle mapping of a replaced semaphore is closed
     // by the next open that finds the name pointing elsewhere.
     std::lock_guard<std::mutex> lock(g_mutex);

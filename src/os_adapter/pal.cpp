@@ -85,7 +85,17 @@ FILE *PAL_Fopen(const char *pszPath, const char *pszMode) {
         errno = EACCES;
         return nullptr;
     }
-    return std::fopen(pszPath, pszMode);
+    // Close-on-exec always: a program the application starts inherits none
+    // of our files.
+    char mode[8] = {};
+    if (pszMode == nullptr || std::strlen(pszMode) + 2 > sizeof(mode)) {
+        return std::fopen(pszPath, pszMode);
+    }
+    std::strcpy(mode, pszMode);
+    if (std::strchr(mode, 'e') == nullptr) {
+        std::strcat(mode, "e");
+    }
+    return std::fopen(pszPath, mode);
 }
 
 char *PAL_Fgets(char *pszBuf, int lSize, FILE *pFile) {
@@ -174,18 +184,14 @@ int PAL_SemWait(void *pSem) {
     if (pSem == nullptr || should_fail(op::sem_wait)) {
         return -1;
     }
-    int ret;
-    do {
-        ret = sem_wait(static_cast<sem_t *>(pSem));
-    } while (ret != 0 && errno == EINTR);
-    return ret;
+    return vekdns::pal::sem_wait_sliced(static_cast<sem_t *>(pSem));
 }
 
 int PAL_SemPost(void *pSem) {
     if (pSem == nullptr || should_fail(op::sem_post)) {
         return -1;
     }
-    return sem_post(static_cast<sem_t *>(pSem));
+    return sem_post(vekdns::pal::posted_sem(static_cast<sem_t *>(pSem)));
 }
 
 int PAL_SemClose(void *pSem) {

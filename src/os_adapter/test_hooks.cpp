@@ -22,7 +22,7 @@ std::array<fault, op_count> g_faults;
 std::atomic<bool> g_any_armed{false};
 
 std::mutex g_path_mutex;
-std::string g_fopen_path;   // guarded by g_path_mutex
+std::string &g_fopen_path = *new std::string; // guarded by g_path_mutex; never destroyed
 unsigned g_fopen_calls = 0; // guarded
 unsigned g_fopen_first = 0;
 unsigned g_fopen_last = 0;
@@ -85,7 +85,8 @@ bool should_fail_fopen(const char *path) {
         return false;
     }
     std::lock_guard<std::mutex> lock(g_path_mutex);
-    if (g_fopen_path != path) {
+    const std::size_t len = g_fopen_path.size();
+    if (std::strncmp(path, g_fopen_path.c_str(), len) != 0 || (path[len] != '\0' && path[len] != '.')) {
         return false;
     }
     ++g_fopen_calls;

@@ -28,13 +28,20 @@ enum class op : unsigned {
     recv,         // recv()
     select,       // select()
     chmod,        // chmod()
+    fflush,       // fflush() of a file being committed
+    fsync,        // fsync()
+    fchmod,       // fchmod() (a temporary file, the named semaphore)
+    fchown,       // fchown()
+    ftruncate,    // ftruncate()
+    rename,       // rename()
     count_
 };
 
 // Make the nth call (1-based, counted from now) of `o` fail. times > 1 makes
 // that many consecutive calls fail from the nth on; times == 0 means forever.
 void fail_nth(op o, unsigned n, unsigned times = 1);
-// Same for PAL_Fopen, counting only opens whose path equals `path`.
+// Same for PAL_Fopen, counting only opens whose path equals `path`, or is a
+// temporary file named after it (`path` followed by '.').
 void fail_nth_path(const char *path, unsigned n, unsigned times = 1);
 // Disarm every fault.
 void clear_faults();

@@ -609,36 +609,36 @@ TEST_F(FileCache, FailuresLeaveTheFileAsItWas) {
     const char *const fail_open = "open file failed!\r\n", *const fail_write = "write cache file failed!\r\n";
     const struct { int call; const std::string *before; op o; const char *path; unsigned nth; uint32_t expect;
                    const char *log; } cases[] = {
-        {set_a, nullptr, op::fopen, v4_file, 1, DNS_ERR_OPEN_FILE, fail_open},
+        {set_a, nullptr, op::fopen, v4_temp, 1, DNS_ERR_OPEN_FILE, fail_open},
         {set_a, nullptr, op::fputs, nullptr, 1, DNS_ERR_WRITE_FILE, fail_write},
         {set_a, &room, op::fopen, v4_file, 1, DNS_ERR_OPEN_FILE, fail_open},
         {set_a, &room, op::fseek, nullptr, 1, DNS_ERR_SEEK_FILE, nullptr},
         {set_a, &room, op::fgets, nullptr, 2, DNS_ERR_SEEK_FILE, nullptr}, // a read stops early
-        {set_a, &room, op::fopen, v4_file, 2, DNS_ERR_OPEN_FILE, fail_open},
+        {set_a, &room, op::fopen, v4_temp, 1, DNS_ERR_OPEN_FILE, fail_open},
         {set_a, &room, op::fputs, nullptr, 1, DNS_ERR_WRITE_FILE, fail_write},
         {set_a, &full, op::fseek, nullptr, 2, DNS_ERR_SEEK_FILE, nullptr},
         {set_a, &full, op::fopen, v4_temp, 1, DNS_ERR_OPEN_FILE, fail_open},
         {set_a, &full, op::fputs, nullptr, 2, DNS_ERR_WRITE_FILE, fail_write},
         {set_a, &full, op::fputs, nullptr, 4, DNS_ERR_WRITE_FILE, fail_write}, // the new record
-        {set_a, &full, op::fopen, v4_file, 2, DNS_ERR_COPY_FILE, nullptr},
+        {set_a, &full, op::fsync, nullptr, 1, DNS_ERR_WRITE_FILE, fail_write},
         {get_a, &two, op::fopen, v4_temp, 1, DNS_ERR_OPEN_FILE, fail_open},
         {get_a, &two, op::fseek, nullptr, 1, DNS_ERR_SEEK_FILE, nullptr},
         {get_a, &two, op::fgets, nullptr, 6, DNS_ERR_SEEK_FILE, nullptr},
         {get_a, &two, op::fputs, nullptr, 3, DNS_ERR_WRITE_FILE, fail_write},
-        {get_a, &two, op::fopen, v4_file, 2, DNS_ERR_COPY_FILE, nullptr},
-        {set_s, nullptr, op::fopen, srv_file, 1, DNS_ERR_OPEN_FILE, nullptr},
+        {get_a, &two, op::fflush, nullptr, 1, DNS_ERR_WRITE_FILE, fail_write},
+        {set_s, nullptr, op::fopen, srv_temp, 1, DNS_ERR_OPEN_FILE, nullptr},
         {set_s, nullptr, op::fputs, nullptr, 1, DNS_ERR_WRITE_FILE, nullptr},
         {set_s, nullptr, op::fputs, nullptr, 2, DNS_ERR_WRITE_FILE, nullptr},
         {set_s, &s_room, op::fopen, srv_file, 1, DNS_ERR_OPEN_FILE, nullptr},
         {set_s, &s_room, op::fgets, nullptr, 2, DNS_ERR_SEEK_FILE, nullptr},
         {set_s, &s_room, op::fseek, nullptr, 1, DNS_ERR_SEEK_FILE, nullptr},
-        {set_s, &s_room, op::fopen, srv_file, 2, DNS_ERR_OPEN_FILE, nullptr},
+        {set_s, &s_room, op::fopen, srv_temp, 1, DNS_ERR_OPEN_FILE, nullptr},
         {set_s, &s_room, op::fputs, nullptr, 1, DNS_ERR_WRITE_FILE, nullptr},
         {set_s, &s_full, op::fseek, nullptr, 2, DNS_ERR_SEEK_FILE, nullptr},
         {set_s, &s_full, op::fopen, srv_temp, 1, DNS_ERR_OPEN_FILE, nullptr},
         {set_s, &s_full, op::fputs, nullptr, 2, DNS_ERR_WRITE_FILE, nullptr},
         {set_s, &s_full, op::fputs, nullptr, 3, DNS_ERR_WRITE_FILE, nullptr}, // the new entry
-        {set_s, &s_full, op::fopen, srv_file, 2, DNS_ERR_COPY_FILE, nullptr},
+        {set_s, &s_full, op::fsync, nullptr, 1, DNS_ERR_WRITE_FILE, nullptr},
         {get_s, &sip, op::fopen, srv_file, 1, DNS_ERR_OPEN_FILE,
          "DNS_GetSrvFromFileCache open file: /var/orvdnssrv.cache failed"},
         {get_s, &sip, op::fopen, srv_temp, 1, DNS_ERR_OPEN_FILE,
@@ -649,7 +649,7 @@ TEST_F(FileCache, FailuresLeaveTheFileAsItWas) {
         {get_s, &sip, op::fputs, nullptr, 3, DNS_ERR_WRITE_FILE, nullptr},
         {get_s, &sip, op::fseek, nullptr, 2, DNS_ERR_SEEK_FILE,
          "DNS_GetSrvFromFileCache DNS_SrvCacheFindRecond lRet: 2604000e"},
-        {get_s, &sip, op::fopen, srv_file, 3, DNS_ERR_COPY_FILE,
+        {get_s, &sip, op::fsync, nullptr, 1, DNS_ERR_WRITE_FILE,
          "DNS_GetSrvFromFileCache DNS_CopyOneFileToAnother failed"},
     };
     for (const auto &c : cases) {

@@ -109,13 +109,15 @@ TEST(Discovery, RecordLayoutFailuresAndAllocation) {
     EXPECT_EQ(locate(""), "26040002");
     EXPECT_TRUE(log.contains("can not open /etc/resolv.conf!\r\n"));
 
-    vekdns::test::set_resolv_conf("nameserver 10.0.0.1\nnameserver 10.0.0.2\nnameserver 10.0.0.3\n");
-    for (unsigned n = 1; n <= 3; ++n) {
+    // The array doubles: allocations at the 1st server (room for 4) and the 5th.
+    vekdns::test::set_resolv_conf("nameserver 10.0.0.1\nnameserver 10.0.0.2\nnameserver 10.0.0.3\n"
+                                  "nameserver 10.0.0.4\nnameserver 10.0.0.5\n");
+    for (unsigned n = 1; n <= 2; ++n) {
         pal::fail_nth(pal::op::alloc, n);
         std::memset(&rec, 0, sizeof(rec));
         EXPECT_EQ(DNS_LocateDnsServer(&rec), DNS_ERR_NO_MEMORY) << n;
         EXPECT_EQ(rec.pstDnsServer, nullptr);
-        EXPECT_EQ(rec.ulDnsServers, n - 1) << "the count keeps its value";
+        EXPECT_EQ(rec.ulDnsServers, (n - 1) * 4) << "the count keeps its value";
     }
 }
 

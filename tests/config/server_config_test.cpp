@@ -278,13 +278,13 @@ TEST_F(Config, RewriteFailuresLeaveTheTargetAsItWas) {
         {set_cache, v4_cache, params, op::fopen, temp, 1, DNS_ERR_OPEN_FILE, fail_open},
         {set_cache, v4_cache, params, op::fputs, nullptr, 1, DNS_ERR_WRITE_FILE, fail_write},
         {set_cache, v4_cache, params, op::fputs, nullptr, 3, DNS_ERR_WRITE_FILE, fail_write},
-        {set_cache, v4_cache, params, op::fopen, v4_cache, 2, DNS_ERR_COPY_FILE, fail_open},
+        {set_cache, v4_cache, params, op::fsync, nullptr, 1, DNS_ERR_WRITE_FILE, fail_write},
         {set_cache, v4_cache, params, op::fgets, nullptr, 2, DNS_ERR_SEEK_FILE, nullptr},
         {set_cache, v4_cache, "maxnumber 1\nmaxtime 2\n   ", op::count_, nullptr, 0, DNS_ERR_FILE_FORMAT,
          nullptr},
         {set_cache, v4_cache, blank_piece, op::count_, nullptr, 0, DNS_ERR_FILE_FORMAT, nullptr},
         // A new cache file that cannot be written is not left behind.
-        {set_cache, v4_cache, "", op::fopen, v4_cache, 1, DNS_ERR_OPEN_FILE, fail_open},
+        {set_cache, v4_cache, "", op::fopen, temp, 1, DNS_ERR_OPEN_FILE, fail_open},
         {set_cache, v4_cache, "", op::fputs, nullptr, 1, DNS_ERR_WRITE_FILE, "write cache file failed!\r\n"},
         {set_cache, v4_cache, "", op::fputs, nullptr, 2, DNS_ERR_WRITE_FILE, "write cache file failed!\r\n"},
     };
@@ -328,7 +328,7 @@ TEST_F(Config, RewriteFailuresLeaveTheTargetAsItWas) {
     EXPECT_EQ(ORV_NETB_SetServer(&nine, 1), DNS_ERR_SEM);
     EXPECT_EQ(ORV_NETB_GetServer(out, 1, &value), DNS_ERR_SEM);
     pal::clear_faults();
-    pal::fail_nth_path("/var/orvdnssrv.cache", 1);
+    pal::fail_nth_path(temp, 4); // resolv.conf (made, read back), the IPv4 file, the service file
     EXPECT_EQ(ORV_NETB_DnsSetConfig(0x2, &nine, nullptr, 0, 0), DNS_ERR_OPEN_FILE);
     EXPECT_TRUE(cap.contains("DNS_SetCache srv ulRtn : 26040002"));
     EXPECT_EQ(state(caches[2]), "no file") << "the cache files after the failing one are not reached";

@@ -1,14 +1,16 @@
 // Small helpers for the library's text files (resolver file, cache files):
-// a stream that closes itself, a rewrite through a temporary file, the
-// blank-separated words of one line piece, and the steps the files share.
+// a stream that closes itself, a crash-safe rewrite through a temporary file,
+// the blank-separated words of one line piece, and the steps the files share.
 //
 // Lines are read in pieces of at most 127 characters (a 128-byte buffer with
 // its terminator); a longer line arrives in several pieces and each piece is
-// handled as a line of its own. Every buffer here is bounded by that size.
+// handled as a line of its own. Every buffer here is bounded by that size,
+// and one pass over a file reads at most max_read_bytes of it.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <sys/types.h>
 
 #include "base/secure.h"
@@ -21,6 +23,18 @@ namespace vekdns::detail {
 inline constexpr int line_piece_size = 128;      // handed to PAL_Fgets
 inline constexpr size_t line_buffer_size = 128;  // every line buffer
 inline constexpr size_t line_format_limit = 127; // most characters formatted into a line
+// One pass over a file stops here: an endless file (a device, a runaway
+// writer) must not keep a lock holder reading for ever.
+inline constexpr uint64_t max_read_bytes = 1u << 20;
+
+// Bytes one piece from fgets took from the stream. A piece that neither ends
+// a line nor the file filled the whole buffer; text behind a NUL byte is
+// invisible to strlen, so such a piece counts as full.
+inline uint64_t piece_bytes(const char *piece, FILE *file) {
+    const size_t len = std::strlen(piece);
+    const bool short_piece = (len != 0 && piece[len - 1] == '\n') || std::feof(file) != 0;
+    return short_piece ? len : static_cast<uint64_t>(line_piece_size - 1);
+}
 
 // One open stream; closed with PAL_Fclose on every path.
 class text_file {
@@ -32,21 +46,35 @@ public:
     text_file &operator=(const text_file &) = delete;
 
     bool open(const char *path, const char *mode) {
-        close();
-        file_ = PAL_Fopen(path, mode);
+        adopt(PAL_Fopen(path, mode));
         return file_ != nullptr;
     }
     bool is_open() const { return file_ != nullptr; }
     FILE *get() const { return file_; }
-    void close() {
+    void adopt(FILE *file) {
+        close();
+        file_ = file;
+        read_ = 0;
+        too_long_ = false;
+    }
+    // PAL_Fclose's result (0 when nothing was open).
+    int close() {
+        int ret = 0;
         if (file_ != nullptr) {
-            (void)PAL_Fclose(file_);
+            ret = PAL_Fclose(file_);
             file_ = nullptr;
         }
+        return ret;
     }
-    // Next piece into a 128-byte buffer; false at the end or on a read error.
+    // Next piece into a 128-byte buffer; false at the end, on a read error
+    // or once this pass has read more than max_read_bytes.
     bool next_piece(char (&buf)[line_buffer_size]) {
-        return PAL_Fgets(buf, line_piece_size, file_) != nullptr;
+        if (too_long_ || PAL_Fgets(buf, line_piece_size, file_) == nullptr) {
+            return false;
+        }
+        read_ += piece_bytes(buf, file_);
+        too_long_ = read_ > max_read_bytes;
+        return !too_long_;
     }
     // Passes over `count` pieces; false when the file ends first.
     bool skip(uint64_t count) {
@@ -61,49 +89,62 @@ public:
     // After next_piece() returned false: true when the file really ended,
     // false when the read stopped early (a rewrite must then not go on,
     // or it would copy back a cut file).
-    bool ended() const { return std::feof(file_) != 0; }
-    bool rewind() { return PAL_Fseek(file_, 0, 0) == 0; }
+    bool ended() const { return !too_long_ && std::feof(file_) != 0; }
+    // The code for a pass that did not end: 0x2604000C for a file over the
+    // bound, 0x2604000E for a read that stopped early.
+    uint32_t stop_code() const { return too_long_ ? DNS_ERR_FILE_FORMAT : DNS_ERR_SEEK_FILE; }
+    bool rewind() {
+        read_ = 0;
+        return PAL_Fseek(file_, 0, 0) == 0;
+    }
     // PAL_Fputs; false when it reports -1.
     bool put(const char *text) { return PAL_Fputs(text, file_) != -1; }
 
 private:
     FILE *file_ = nullptr;
+    uint64_t read_ = 0;
+    bool too_long_ = false;
 };
 
-// A rewrite through a temporary file: `out` is the temporary file, removed
-// again on every path out once it was created. commit() closes the source
-// and `out`, then copies `out` over the target.
+// A rewrite through a temporary file of its own: `out` is a fresh file
+// named after `temp_base` (".<pid>.<n>" appended), created exclusively,
+// never through a link, and removed again on every path out. Temporary files
+// of `temp_base` left by processes that no longer exist are removed when a
+// new one is made.
+//
+// commit() makes the target hold either its old or its new content: the
+// finished temporary file (flushed and synced, every step checked) takes the
+// target's mode and owner and is renamed over it when the target is a plain
+// file on the same file system; otherwise (a symlinked or bind-mounted
+// target, another file system) the new content is written over the old in
+// place, the file cut to its new length after the last write, and synced.
 class temp_rewrite {
 public:
-    explicit temp_rewrite(const char *path) : path_(path) {}
+    // `write_log`: the level-2 text logged when the temporary file cannot be
+    // finished (nullptr: no log line).
+    explicit temp_rewrite(const char *temp_base, const char *write_log = nullptr)
+        : base_(temp_base), write_log_(write_log) {}
     ~temp_rewrite() { discard(); }
     temp_rewrite(const temp_rewrite &) = delete;
     temp_rewrite &operator=(const temp_rewrite &) = delete;
 
-    bool open() {
-        created_ = out.open(path_, "w");
-        return created_;
-    }
-    // 0, or 0x2604000D when the copy failed.
-    uint32_t commit(text_file &source, const char *target) {
-        source.close();
-        out.close();
-        uint32_t copied = DNS_CopyOneFileToAnother(path_, target);
-        discard();
-        return copied == DNS_OK ? DNS_OK : DNS_ERR_COPY_FILE;
-    }
+    bool open();
+    // Closes `source`, then commits `out` over `target`: 0; 0x2604000B when
+    // the temporary file could not be finished (target untouched); 0x2604000D
+    // when writing the target failed.
+    uint32_t commit(text_file &source, const char *target);
+    // Commits `out` as the new file `target` with `mode` (the result of
+    // setting the mode is not examined).
+    uint32_t commit_new(const char *target, mode_t mode);
 
     text_file out;
 
 private:
-    void discard() {
-        out.close();
-        if (created_) {
-            (void)PAL_Remove(path_);
-            created_ = false;
-        }
-    }
-    const char *path_;
+    uint32_t finish(bool &can_rename, const char *target, const mode_t *mode);
+    void discard();
+    const char *base_;
+    const char *write_log_;
+    char path_[256] = {};
     bool created_ = false;
 };
 
@@ -137,25 +178,24 @@ inline uint32_t write_failed() {
     return DNS_ERR_WRITE_FILE;
 }
 
-// Creates a file that did not exist; `fill` writes it and gives a result
-// code. A failure removes the file again; success gives it `mode` (the result
-// of chmod is not examined). With `logged`, failures are logged.
-template <typename Fill> uint32_t create_file(const char *path, mode_t mode, bool logged, Fill fill) {
-    text_file file(path, "w");
-    if (!file.is_open()) {
+// Creates a file that did not exist, through a temporary file named after
+// `temp_base`; `fill` writes it and gives a result code. Nothing is left
+// behind on failure; success gives the file `mode`. With `logged`, failures
+// are logged.
+template <typename Fill>
+uint32_t create_file(const char *path, const char *temp_base, mode_t mode, bool logged, Fill fill) {
+    temp_rewrite temp(temp_base, logged ? "write cache file failed!\r\n" : nullptr);
+    if (!temp.open()) {
         return logged ? open_failed() : DNS_ERR_OPEN_FILE;
     }
-    const uint32_t ret = fill(file);
-    file.close();
+    const uint32_t ret = fill(temp.out);
     if (ret != DNS_OK) {
-        (void)PAL_Remove(path); // it did not exist before
         if (logged) {
             DNS_LOG(2, "write cache file failed!\r\n");
         }
         return ret;
     }
-    (void)vekdns::sys::chmod(path, mode);
-    return DNS_OK;
+    return temp.commit_new(path, mode);
 }
 
 // The blank-separated words of a copy of one line piece (strtok_s with the
@@ -233,7 +273,10 @@ template <typename StampOf> uint32_t find_oldest_line(text_file &file, StampOf s
             oldest = line_no;
         }
     }
-    return file.ended() && file.rewind() ? DNS_OK : DNS_ERR_SEEK_FILE;
+    if (!file.ended()) {
+        return file.stop_code();
+    }
+    return file.rewind() ? DNS_OK : DNS_ERR_SEEK_FILE;
 }
 
 } // namespace vekdns::detail
