@@ -28,6 +28,11 @@ enum class op : unsigned {
     recv,         // recv()
     select,       // select()
     chmod,        // chmod()
+    poll,         // PAL_Poll
+    stream_socket,// PAL_StreamSocket
+    stream_connect,// PAL_Connect
+    stream_send,  // PAL_Send
+    stream_recv,  // PAL_Recv
     count_
 };
 
