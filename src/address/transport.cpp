@@ -259,7 +259,8 @@ wait_result await_reply(int fd, const DNS_IPADDR_S &server, std::span<const uint
         }
         // The truncated UDP reply is read exactly as it was before TCP was
         // tried, so a server without TCP gives the same results as ever.
-        DNS_LOG(3, "DNS retry over TCP failed ulRet: %d, use the truncated reply", static_cast<int>(r));
+        DNS_LOG(3, "DNS retry over TCP failed (%s), use the truncated reply",
+                r == stream_result::timed_out ? "time-out" : "refused, broken or malformed");
         *tcp_timed_out = r == stream_result::timed_out;
         return wait_result::reply;
     }
