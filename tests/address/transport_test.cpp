@@ -9,8 +9,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
-#include <cstdio>
+#include <sstream>
 
 #include "os_adapter/test_hooks.h"
 #include "support/dns_server.h"
@@ -28,13 +29,12 @@ std::string resolve_a(const char *name, uint32_t timeout) {
     DNS_IPADDR_S addrs[10] = {};
     uint32_t ttls[10] = {}, count = 10;
     DNS_HOSTNAME_S req{DNS_SEARCH_TYPE_A, const_cast<char *>(name)};
-    char out[32];
-    std::snprintf(out, sizeof out, "%x", DNS_Resolve(&req, addrs, &count, timeout, ttls));
-    std::string text = out;
+    std::stringstream text;
+    text << std::hex << DNS_Resolve(&req, addrs, &count, timeout, ttls);
     for (uint32_t i = 0; i < count; ++i) {
-        text += " " + std::string(inet_ntoa(in_addr{addrs[i].unIpAddr.ulIpv4})).substr(5);
+        text << " " << std::string(inet_ntoa(in_addr{addrs[i].unIpAddr.ulIpv4})).substr(5);
     }
-    return text;
+    return text.str();
 }
 
 // 127.0.0.1:53 on TCP for one connection: the messages `h` gives, framed and
@@ -86,10 +86,9 @@ TEST(Transport, WaitMatchAndTcpRetry) {
     sigaction(SIGUSR1, &sa, nullptr);
     scripted_server srv("127.0.0.1");
     set_resolv_conf("nameserver 127.0.0.1\n");
-    std::vector<std::string> ips;
-    for (int i = 1; i <= 40; ++i) {
-        ips.push_back("10.0.1." + std::to_string(i));
-    }
+    std::vector<std::string> ips(40, "10.0.1.");
+    std::transform(ips.begin(), ips.end(), ips.begin(),
+                   [n = 0](const std::string &p) mutable { return p + std::to_string(++n); });
     srv.answer_a("big", ips, 60);
     srv.answer_a("one", {"10.0.0.2"}, 60);
     const query_handler table = [&srv](Q q) { return srv.table_reply(q); };
@@ -130,9 +129,7 @@ TEST(Transport, WaitMatchAndTcpRetry) {
         {"truncated, TCP receive fails", truncated, table, 1, op::stream_recv, 0, "big", "0 0.1"},
         // clang-format on
     };
-    rlimit lim{};
-    getrlimit(RLIMIT_NOFILE, &lim);
-    lim.rlim_cur = lim.rlim_max;
+    const rlimit lim{4096, 4096};
     setrlimit(RLIMIT_NOFILE, &lim);
     for (const auto &row : rows) {
         srv.on_query(row.udp);
