@@ -13,6 +13,7 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <sys/select.h>
+#include <sys/types.h>
 
 #if defined(VEK_OS_ADAPTER_BUILDING)
 #define VEK_PAL_API __attribute__((visibility("default")))
@@ -59,6 +60,19 @@ VEK_PAL_API int PAL_CloseSocket(int lFd);
 VEK_PAL_API void PAL_FD_SET(int lFd, fd_set *pstSet);
 VEK_PAL_API int PAL_GetLastErr(void);
 VEK_PAL_API int PAL_GetLastSocketErr(void);
+/* Waits until lFd is readable (lWrite == 0) or writable, at most lTimeoutMs
+ * milliseconds; any descriptor number works. 1 ready, 0 time-out, -1 error
+ * (errno; EINTR when a signal came). */
+VEK_PAL_API int PAL_Poll(int lFd, int lWrite, int lTimeoutMs);
+/* A non-blocking, close-on-exec stream socket of lFamily, or -1. */
+VEK_PAL_API int PAL_StreamSocket(int lFamily);
+/* Starts a connect: 0 or -1 (errno; EINPROGRESS while it goes on). */
+VEK_PAL_API int PAL_Connect(int lFd, const void *pAddr, uint32_t ulLen);
+/* The outcome of a connect that went on: 0 connected, else the error. */
+VEK_PAL_API int PAL_ConnectResult(int lFd);
+/* send (never raising SIGPIPE) and recv: bytes moved, or -1 (errno). */
+VEK_PAL_API ssize_t PAL_Send(int lFd, const void *pBuf, size_t ulLen);
+VEK_PAL_API ssize_t PAL_Recv(int lFd, void *pBuf, size_t ulLen);
 
 /* ---- address conversion --------------------------------------------------- */
 /* Network-order address, or 0xFFFFFFFF when the text is not a valid address. */

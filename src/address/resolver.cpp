@@ -1,14 +1,15 @@
 // The resolver loop: literals, then every configured server asked for the
 // name and for the name completed with each search suffix.
+#include <chrono>
 #include <cstring>
+#include <span>
 
 #include <arpa/inet.h>
-#include <sys/select.h>
 
+#include "address/transport.h"
 #include "address/wire_internal.h"
 #include "base/secure.h"
 #include "base/sem_guard.h"
-#include "base/sys.h"
 #include "vek_dns_ops.h"
 #include "vek_os_adapter.h"
 
@@ -19,6 +20,8 @@ constexpr size_t max_name_len = name_buffer_size - 1;
 constexpr size_t max_label_len = 63;
 constexpr size_t max_ipv4_literal_len = 16;
 constexpr uint32_t max_names_per_server = 1 + DNS_MAX_SEARCH_DOMAIN;
+// The question sent: header, name (at most 255 characters) and its tail.
+constexpr size_t query_keep_size = 512;
 
 void log_secure_failure(errno_t err) {
     if (err != 0) {
@@ -112,20 +115,41 @@ bool complete_name(char (&buf)[name_buffer_size], const char *name, size_t name_
     return true;
 }
 
-// Waits for the reply on sock at most timeout_sec seconds. The descriptor
-// set holds FD_SETSIZE descriptors only; a larger descriptor cannot be
-// waited on safely and counts as a failed wait.
-bool wait_readable(int32_t sock, uint32_t timeout_sec) {
-    if (sock >= FD_SETSIZE) {
-        return false;
+// Reads the reply to `query` on sock until `deadline` (a truncated one is
+// asked again over TCP) and takes its addresses like DNS_Read.
+uint32_t read_answer(int32_t sock, const DNS_IPADDR_S &server, std::span<const uint8_t> query,
+                     vekdns::transport::clock::time_point deadline, DNS_IPADDR_S *addrs,
+                     uint32_t *found, uint32_t capacity, uint32_t *ttls, uint32_t *result) {
+    using vekdns::transport::wait_result;
+    if (*found == capacity) { // full: nothing is received
+        if (!vekdns::transport::wait_readable(sock, deadline)) {
+            *result = DNS_ERR_TIMEOUT;
+            return 1;
+        }
+        return *found != 0 ? 0 : 1;
     }
-    fd_set readable;
-    FD_ZERO(&readable);
-    PAL_FD_SET(sock, &readable);
-    timeval timeout = {};
-    timeout.tv_sec = static_cast<time_t>(timeout_sec);
-    timeout.tv_usec = 0;
-    return vekdns::sys::select(sock + 1, &readable, nullptr, nullptr, &timeout) > 0;
+    uint8_t buf[vekdns::detail::reply_buffer_size];
+    vekdns::transport::owned_reply tcp;
+    std::span<const uint8_t> reply;
+    bool tcp_timed_out = false;
+    const wait_result waited = vekdns::transport::await_reply(
+        sock, server, query, deadline, std::span<uint8_t>(buf, vekdns::detail::reply_max_len), tcp,
+        &reply, &tcp_timed_out);
+    if (waited == wait_result::timed_out) {
+        *result = DNS_ERR_TIMEOUT;
+        return 1;
+    }
+    if (waited == wait_result::recv_failed) {
+        DNS_LOG(2, "recv data failed!\r\n");
+        return 1;
+    }
+    const uint32_t rd = vekdns::detail::take_reply(reply, addrs, found, capacity, ttls);
+    // A TCP retry that ran out of the try's time makes the try a time-out
+    // unless the truncated reply still gave addresses.
+    if (rd != 0 && tcp_timed_out) {
+        *result = DNS_ERR_TIMEOUT;
+    }
+    return rd;
 }
 
 } // namespace
@@ -259,19 +283,24 @@ VEK_DNS_API uint32_t DNS_Resolve(const DNS_HOSTNAME_S *pstHostName, DNS_IPADDR_S
                     continue;
                 }
             }
-            result = DNS_Query(buf, static_cast<uint32_t>(std::strlen(buf)), &server,
-                               pstHostName->ulType, sock.ptr());
+            uint8_t query[query_keep_size];
+            size_t query_len = 0;
+            result = vekdns::detail::send_question(buf, static_cast<uint32_t>(std::strlen(buf)), &server,
+                                                   pstHostName->ulType, sock.ptr(), query, &query_len);
             DNS_LOG(6, "DNS_Query  lRet: %x lFdSock:%d, LastErr = %d, LastSocketErr = %d", result,
                     sock.fd(), PAL_GetLastErr(), PAL_GetLastSocketErr());
             if (!sock.is_open() || result != DNS_OK) {
                 break; // this server cannot be asked: go on with the next one
             }
-            if (!wait_readable(sock.fd(), ulTimeOutSec)) {
+            const auto deadline = vekdns::transport::clock::now() + std::chrono::seconds(ulTimeOutSec);
+            uint32_t waited = DNS_OK;
+            const uint32_t rd = read_answer(sock.fd(), server, std::span<const uint8_t>(query, query_len),
+                                            deadline, pstIpAddr, &found, capacity, pulTtl, &waited);
+            if (waited == DNS_ERR_TIMEOUT && rd != 0) {
                 result = DNS_ERR_TIMEOUT;
                 sock.close();
                 continue;
             }
-            const uint32_t rd = DNS_Read(sock.fd(), pstIpAddr, &found, capacity, pulTtl);
             DNS_LOG(6, "DNS_Read lFdSock:%d ulRet: %x pulCount:%u", sock.fd(), rd, found);
             result = rd == 1 ? DNS_ERR_PARSE_ANSWER : DNS_OK;
             sock.close();

@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include "address/transport.h"
 #include "address/wire_internal.h"
 #include "base/memory.h"
 #include "base/secure.h"
@@ -225,6 +226,15 @@ VEK_DNS_API uint32_t DNS_CreatSocketAndConnect(int32_t *plSock, const DNS_IPADDR
 
 VEK_DNS_API uint32_t DNS_Query(char *pszName, uint32_t ulNameLen, const DNS_IPADDR_S *pstServer,
                                uint32_t ulType, int32_t *plSock) {
+    return vekdns::detail::send_question(pszName, ulNameLen, pstServer, ulType, plSock, {}, nullptr);
+}
+
+} // extern "C"
+
+namespace vekdns::detail {
+
+uint32_t send_question(char *pszName, uint32_t ulNameLen, const DNS_IPADDR_S *pstServer,
+                       uint32_t ulType, int32_t *plSock, std::span<uint8_t> keep, size_t *kept) {
     if (pszName == nullptr || pstServer == nullptr || plSock == nullptr) {
         return DNS_ERR_PARA_INVALID;
     }
@@ -265,7 +275,12 @@ VEK_DNS_API uint32_t DNS_Query(char *pszName, uint32_t ulNameLen, const DNS_IPAD
     out = DNS_Spread2Bytes(out, ulType == DNS_SEARCH_TYPE_A ? qtype_a : qtype_aaaa);
     out = DNS_Spread2Bytes(out, qclass_in);
 
-    const ssize_t sent = vekdns::sys::send(*plSock, msg, static_cast<size_t>(out - msg), 0);
+    const size_t msg_len = static_cast<size_t>(out - msg);
+    if (kept != nullptr && msg_len <= keep.size()) {
+        std::memcpy(keep.data(), msg, msg_len);
+        *kept = msg_len;
+    }
+    const ssize_t sent = vekdns::sys::send(*plSock, msg, msg_len, 0);
     VEK_FREE(msg);
     if (sent < 0) {
         DNS_LOG(2, "send data failed!\r\n");
@@ -274,6 +289,10 @@ VEK_DNS_API uint32_t DNS_Query(char *pszName, uint32_t ulNameLen, const DNS_IPAD
     }
     return DNS_OK;
 }
+
+} // namespace vekdns::detail
+
+extern "C" {
 
 VEK_DNS_API uint32_t DNS_Read(int32_t lSock, DNS_IPADDR_S *pstIpAddr, uint32_t *pulCount,
                               uint32_t ulCapacity, uint32_t *pulTtl) {
@@ -285,7 +304,7 @@ VEK_DNS_API uint32_t DNS_Read(int32_t lSock, DNS_IPADDR_S *pstIpAddr, uint32_t *
     }
     // Not cleared: the reader looks at the received bytes only.
     uint8_t buf[vekdns::detail::reply_buffer_size];
-    const ssize_t got = vekdns::sys::recv(lSock, buf, vekdns::detail::reply_max_len, 0);
+    const ssize_t got = vekdns::transport::receive(lSock, buf, vekdns::detail::reply_max_len);
     if (got <= 0) {
         DNS_LOG(2, "recv data failed!\r\n");
         return 1;

@@ -19,6 +19,11 @@ inline constexpr std::size_t reply_max_len = reply_buffer_size - 1;
 // *count (never beyond capacity), writes *count back only for an accepted
 // reply, returns 0 when the count is non-zero afterwards, else 1. Never reads
 // outside `reply`.
+// DNS_Query that also copies the question sent into `keep` (its length into
+// *kept) when it fits, so the reply can be matched against it.
+uint32_t send_question(char *pszName, uint32_t ulNameLen, const DNS_IPADDR_S *pstServer,
+                       uint32_t ulType, int32_t *plSock, std::span<uint8_t> keep, size_t *kept);
+
 uint32_t take_reply(std::span<const uint8_t> reply, DNS_IPADDR_S *addrs, uint32_t *count,
                     uint32_t capacity, uint32_t *ttls);
 

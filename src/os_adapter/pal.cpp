@@ -8,6 +8,8 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <semaphore.h>
 #include <unistd.h>
 
@@ -136,6 +138,59 @@ void PAL_FD_SET(int lFd, fd_set *pstSet) {
 }
 int PAL_GetLastErr(void) { return errno; }
 int PAL_GetLastSocketErr(void) { return errno; }
+
+int PAL_Poll(int lFd, int lWrite, int lTimeoutMs) {
+    if (should_fail(op::poll)) {
+        errno = ENOMEM; // not EINTR: an injected failure must end the wait
+        return -1;
+    }
+    struct pollfd pfd {};
+    pfd.fd = lFd;
+    pfd.events = lWrite != 0 ? POLLOUT : POLLIN;
+    const int n = poll(&pfd, 1, lTimeoutMs);
+    return n > 0 ? 1 : n;
+}
+
+int PAL_StreamSocket(int lFamily) {
+    if (should_fail(op::stream_socket)) {
+        errno = EMFILE;
+        return -1;
+    }
+    return socket(lFamily, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+}
+
+int PAL_Connect(int lFd, const void *pAddr, uint32_t ulLen) {
+    if (should_fail(op::stream_connect)) {
+        errno = ECONNREFUSED;
+        return -1;
+    }
+    return connect(lFd, static_cast<const struct sockaddr *>(pAddr), ulLen);
+}
+
+int PAL_ConnectResult(int lFd) {
+    int err = 0;
+    socklen_t len = sizeof(err);
+    if (getsockopt(lFd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) {
+        return errno;
+    }
+    return err;
+}
+
+ssize_t PAL_Send(int lFd, const void *pBuf, size_t ulLen) {
+    if (should_fail(op::stream_send)) {
+        errno = EPIPE;
+        return -1;
+    }
+    return send(lFd, pBuf, ulLen, MSG_NOSIGNAL);
+}
+
+ssize_t PAL_Recv(int lFd, void *pBuf, size_t ulLen) {
+    if (should_fail(op::stream_recv)) {
+        errno = ECONNRESET;
+        return -1;
+    }
+    return recv(lFd, pBuf, ulLen, 0);
+}
 
 // ---- address conversion -------------------------------------------------------
 

@@ -34,6 +34,11 @@ enum class op : unsigned {
     fchown,       // fchown()
     ftruncate,    // ftruncate()
     rename,       // rename()
+    poll,         // PAL_Poll
+    stream_socket,// PAL_StreamSocket
+    stream_connect,// PAL_Connect
+    stream_send,  // PAL_Send
+    stream_recv,  // PAL_Recv
     count_
 };
 

@@ -56,6 +56,14 @@ std::string join(const DNS_IPADDR_S *addrs, uint32_t n, const uint32_t *ttls = n
     return out;
 }
 
+bytes with_id(bytes b, uint16_t id) {
+    if (b.size() >= 2) {
+        b[0] = static_cast<uint8_t>(id >> 8);
+        b[1] = static_cast<uint8_t>(id);
+    }
+    return b;
+}
+
 using strings = std::vector<std::string>;
 
 // "<prefix>1" .. "<prefix>n"
@@ -300,7 +308,7 @@ TEST_F(Resolve, SearchSuffixesTooLongOrBeyondSixAreNotTried) {
 }
 
 TEST_F(Resolve, RepliesDecideTheResult) {
-    // The reader compares neither the id nor the question: one reply fits every question.
+    // One reply for every question, given the id of the query it answers.
     const msg h = msg::reply_to(parse_query(msg::query(0, "h", qtype::a).bytes()));
     msg behind_2047 = h; // the record that crosses byte 2047 is cut
     for (int i = 0; i < 120; ++i) {
@@ -335,7 +343,7 @@ TEST_F(Resolve, RepliesDecideTheResult) {
     set_resolv_conf("nameserver 127.0.0.1\n");
     log_capture log(2);
     for (const auto &row : rows) {
-        srv.on_query([&row](Q) { return reply(row.reply); });
+        srv.on_query([&row](Q q) { return reply(with_id(row.reply.bytes(), q.id)); });
         const result r = resolve("h", DNS_SEARCH_TYPE_A);
         EXPECT_EQ(r.ret, row.ret) << row.what;
         EXPECT_EQ(r.found(), row.found) << row.what;
@@ -404,7 +412,7 @@ TEST_F(Resolve, NetworkFailuresEndTheServerOrTheNameAndAreMadeUpFor) {
     } rows[] = {{op::socket, DNS_ERR_SOCKET, "open socket failed!\r\n", true},
                 {op::connect, DNS_ERR_CONNECT, "connect to server failed!\r\n", true},
                 {op::send, DNS_ERR_SEND, "send data failed!\r\n", true},
-                {op::select, DNS_ERR_TIMEOUT, "", false},
+                {op::poll, DNS_ERR_TIMEOUT, "", false},
                 {op::recv, DNS_ERR_PARSE_ANSWER, "recv data failed!\r\n", false}};
     const std::vector<std::string> names{"h A", "h.a A", "h.b A"};
     for (const auto &row : rows) {

@@ -46,7 +46,7 @@ std::string find_dnsmasq() {
 // an unknown name there gets NXDOMAIN, a known name without records of the
 // asked type gets an empty NOERROR reply; plain names are never forwarded.
 std::vector<std::string> dnsmasq_records() {
-    return {
+    std::vector<std::string> out = {
         "--local=/interop.test/",
         "--local=/corp.interop/",
         "--local=/other.interop/",
@@ -61,6 +61,10 @@ std::vector<std::string> dnsmasq_records() {
         "--host-record=both.interop.test,192.0.2.50",
         "--host-record=both.interop.test.corp.interop,192.0.2.51",
     };
+    for (int i = 100; i < 140; ++i) { // 40 addresses: more than a 512-byte reply holds
+        out.push_back("--host-record=many.interop.test,192.0.2." + std::to_string(i));
+    }
+    return out;
 }
 
 std::string text_of(const DNS_IPADDR_S &a) {
@@ -272,6 +276,14 @@ INSTANTIATE_TEST_SUITE_P(
         n = n.substr(0, n.find('.'));
         return n + "_type" + std::to_string(info.param.type);
     });
+
+TEST_F(Dnsmasq, TruncatedReplyAskedAgainOverTcp) {
+    log_capture log(4);
+    const blocking_result r = resolve("many.interop.test", 0);
+    EXPECT_EQ(std::to_string(r.ret) + " " + std::to_string(r.count) + " " + std::to_string(log.contains("retry over TCP lFdSock")) +
+                  std::to_string(log.contains("retry over TCP failed")),
+              "0 10 10") << r.text();
+}
 
 // ---- what the server sent, taken over whole ----------------------------------------
 
