@@ -102,7 +102,7 @@ run_tests() {
 }
 
 sync_tree
-cmake -S "$tree" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEK_WERROR=ON -DVEK_BUILD_BENCH=OFF >"$work/configure.log" 2>&1 ||
+cmake -S "$tree" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEK_WERROR=ON -DVEK_BUILD_BENCH=OFF -DVEK_TEST_TIMEOUT="$per_test" >"$work/configure.log" 2>&1 ||
     { echo "mutants: configure failed, see $work/configure.log"; exit 2; }
 if ! build_tree || ! run_tests; then
     echo "mutants: the unchanged tree does not build or pass, see $work/build.log and $work/test.log"
