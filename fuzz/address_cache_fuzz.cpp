@@ -14,8 +14,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     v6.ulType = DNS_IP_TYPE_IPV6;
     (void)inet_pton(AF_INET6, "fd00::1", v6.unIpAddr.aucIpv6);
     for (const DNS_IPADDR_S &addr : {v4, v6}) {
-        vekdns::test::write_file(addr.ulType == DNS_IP_TYPE_IPV4 ? "/var/orvdns.cache" : "/var/orvdnsaaaa.cache",
-                                 input);
+        vekdns::test::write_file(
+            addr.ulType == DNS_IP_TYPE_IPV4 ? "/var/orvdns.cache" : "/var/orvdnsaaaa.cache", input);
         DNS_IPADDR_S found[DNS_MAX_IP_NUM] = {};
         found[0].ulType = addr.ulType;
         uint32_t count = 0;

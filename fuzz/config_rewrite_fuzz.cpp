@@ -21,8 +21,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     second.ulType = DNS_IP_TYPE_IPV6;
     (void)inet_pton(AF_INET6, "fd00::9", second.unIpAddr.aucIpv6);
     const uint32_t ret = ORV_NETB_DnsSetConfig(0x1E, &first, &second, 7, 60);
-    vekdns::fuzz::check(ret != DNS_OK || read_file("/etc/resolv.conf").find("nameserver fd00::9\n") !=
-                                             std::string::npos);
+    vekdns::fuzz::check(ret != DNS_OK ||
+                        read_file("/etc/resolv.conf").find("nameserver fd00::9\n") != std::string::npos);
     uint32_t number = 0, time = 0;
     (void)DNS_GetCache(&number, &time);
     vekdns::fuzz::check_clean();

@@ -41,5 +41,7 @@ inline void check_clean() {
 
 } // namespace vekdns::fuzz
 
-#define VEK_FUZZ_IN_SANDBOX                                                                        \
-    extern "C" int LLVMFuzzerInitialize(int *, char ***) { return vekdns::fuzz::enter_sandbox(); }
+#define VEK_FUZZ_IN_SANDBOX                                                                                  \
+    extern "C" int LLVMFuzzerInitialize(int *, char ***) {                                                   \
+        return vekdns::fuzz::enter_sandbox();                                                                \
+    }

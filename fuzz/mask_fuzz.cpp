@@ -46,7 +46,8 @@ void run_out(uint32_t (*fn)(const char *, char **, uint32_t *), const char *src,
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static const uint32_t sizes[] = {0, 1, 6, 7, 9, 10, 13, 14, 15, 16, 32, 45, 46, 47, 64, 128, 255, 256, 257};
+    static const uint32_t sizes[] = {0,  1,  6,  7,  9,  10,  13,  14,  15, 16,
+                                     32, 45, 46, 47, 64, 128, 255, 256, 257};
     if (size < 2) {
         return 0;
     }
@@ -60,25 +61,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     auto b = nl != nullptr ? exact(nl + 1, size - a_len - 1) : exact(data, 0);
     const size_t a_text = std::strlen(a.get());
 
-    run_dst(VekFilterIpv4AddrStr, a.get(), dst_size);
-    run_dst(vek_filter_ipaddr_str, a.get(), dst_size);
+    for (auto fn : {VekFilterIpv4AddrStr, vek_filter_ipaddr_str, VekFilterUrlStr, VekFilterIpV4UrlStr,
+                    VekFilterIpV6UrlStr}) {
+        run_dst(fn, a.get(), dst_size);
+    }
     run_dst(vek_filter_ipaddr_str, b.get(), 46);
-    run_dst(VekFilterUrlStr, a.get(), dst_size);
-    run_dst(VekFilterIpV4UrlStr, a.get(), dst_size);
-    run_dst(VekFilterIpV6UrlStr, a.get(), dst_size);
     run_dst(VekFilterIpV6UrlStr, b.get(), 256);
     check(GetUtlAddressType(a.get()) <= 2 && GetAddressType(a.get(), 1) <= 3 &&
           GetAddressType(b.get(), ip_pick) <= 3);
-    // The stored address: the second text, or a piece of the first so that
-    // the replacement finds occurrences.
-    if ((ip_pick & 1) != 0 || a_text == 0) {
-        (void)vek_filter_setIP_str(b.get());
-    } else {
-        const size_t start = (ip_pick >> 1) % a_text;
-        auto ip = exact(reinterpret_cast<const uint8_t *>(a.get()) + start,
-                        std::min<size_t>(a_text - start, 7 + (ip_pick >> 4)));
-        (void)vek_filter_setIP_str(ip.get());
-    }
+    // The stored address: the second text, or the first (so that the replacement finds it).
+    (void)vek_filter_setIP_str((ip_pick & 1) != 0 ? b.get()
+                                                  : a.get() + (a_text != 0 ? (ip_pick >> 1) % a_text : 0));
     check(strnlen(g_szFilterIp, VEK_FILTER_IP_SIZE) < VEK_FILTER_IP_SIZE);
     run_out(vek_replace_ipaddr_str, a.get(), a_text + 100);
     run_out(VekFilterCallidStr, a.get(), 129);

@@ -28,10 +28,9 @@ int main(int argc, char **argv) {
     }
     for (const auto &path : inputs) {
         std::ifstream in(path, std::ios::binary);
+        // Exactly the file's bytes, so that a read past the input is a sanitizer finding.
         std::vector<uint8_t> data((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        // An exact-size copy, so that a read past the input is a sanitizer finding.
-        std::vector<uint8_t> exact(data);
-        (void)LLVMFuzzerTestOneInput(exact.data(), exact.size());
+        (void)LLVMFuzzerTestOneInput(data.data(), data.size());
     }
     std::printf("replayed %zu inputs\n", inputs.size());
     return inputs.empty() ? 1 : 0;

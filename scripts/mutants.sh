@@ -42,7 +42,7 @@ address/suffix-order-reversed @@ src/address/resolver.cpp @@ rec->apszSearchDoma
 address/parse-error-wrong-code @@ src/address/resolver.cpp @@ rd == 1 ? DNS_ERR_PARSE_ANSWER : DNS_OK @@ rd == 1 ? DNS_ERR_NOT_FOUND : DNS_OK
 address/no-callback-on-failure @@ src/address/address_calls.cpp @@         report(req, req->ulIpNum != 0 ? DNS_OK : ret, req->astIpAddr, req->ulIpNum);<NL> @@ <NL>
 address/callback-under-named-sem @@ src/address/address_calls.cpp @@ section.release();<NL>                (void)pfnCallback(DNS_OK, caller_name, main_list, main_count, pUserData); @@ (void)pfnCallback(DNS_OK, caller_name, main_list, main_count, pUserData);
-address/both-drops-ipv6 @@ src/address/address_calls.cpp @@ *found = found4 + found6; @@ *found = found4;
+address/both-ipv6-overwrites-ipv4 @@ src/address/address_calls.cpp @@ addrs + found4, &count6, timeout, ttls + found4); @@ addrs, &count6, timeout, ttls);
 cache/memory-expiry-lt @@ src/cache/memory_cache.cpp @@ - item->ulTimeStamp <= age_limit @@ - item->ulTimeStamp < age_limit
 cache/memory-one-too-many @@ src/cache/memory_cache.cpp @@ if (head->ulRecords >= head->ulMaxNumber) {<NL>        dnsDelOldestRecord(head);<NL>    }<NL>    return dnsAddIPToCache @@ if (head->ulRecords > head->ulMaxNumber) {<NL>        dnsDelOldestRecord(head);<NL>    }<NL>    return dnsAddIPToCache
 cache/memory-get-skips-unlock @@ src/cache/memory_cache.cpp @@ (void)DNS_UnLock(head->pstSem);<NL>    if (found == 0) { @@ if (found == 0) {

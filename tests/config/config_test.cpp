@@ -76,14 +76,17 @@ DNS_SERVER_S server(const char *text) {
     return s;
 }
 
-std::string ns(const std::string &address) { return "nameserver " + address + "\n"; }
+std::string ns(const std::string &address) {
+    return "nameserver " + address + "\n";
+}
 std::string conf(const std::string &first, const std::string &second) {
     return "# r\n" + first + "search x\n" + second;
 }
 
 TEST(Config, SetConfigRewritesOnlyTheTargetLines) {
     const std::string base = conf(ns("10.0.0.1"), ns("10.0.0.2")), piece = "#" + std::string(126, 'x');
-    const std::string odd = "  nameserver 10.0.0.1\nnameserver\t10.0.0.1\nnameserver\n"; // not seen by the rewrite
+    const std::string odd =
+        "  nameserver 10.0.0.1\nnameserver\t10.0.0.1\nnameserver\n"; // not seen by the rewrite
     const struct {
         std::string before;
         uint32_t mask;
@@ -99,7 +102,8 @@ TEST(Config, SetConfigRewritesOnlyTheTargetLines) {
         {"search x", 0x2, "10.0.0.9", "", "search x\n" + ns("10.0.0.9")},
         {"# c\n", 0x4, "", "10.0.0.9", "# c\n" + ns("10.0.0.9")},
         {odd, 0x2, "10.0.0.9", "", odd + ns("10.0.0.9")},
-        {piece + ns("10.0.0.1") + ns("10.0.0.2"), 0x2, "10.0.0.9", "", piece + ns("10.0.0.9") + ns("10.0.0.2")},
+        {piece + ns("10.0.0.1") + ns("10.0.0.2"), 0x2, "10.0.0.9", "",
+         piece + ns("10.0.0.9") + ns("10.0.0.2")},
     };
     for (const auto &row : rows) {
         set_resolv_conf(row.before);
@@ -121,7 +125,8 @@ TEST(Config, ReadingServersAndCacheParameters) {
     uint32_t count = 0;
     EXPECT_EQ(ORV_NETB_GetServer(list, 3, &count), DNS_OK);
     EXPECT_EQ(count, 3u);
-    EXPECT_EQ(text_of(list[0]) + " " + text_of(list[1]) + " " + text_of(list[2]), "4:10.0.0.1 6:fd00::2 4:10.0.0.4")
+    EXPECT_EQ(text_of(list[0]) + " " + text_of(list[1]) + " " + text_of(list[2]),
+              "4:10.0.0.1 6:fd00::2 4:10.0.0.4")
         << "blanks before the keyword are skipped on reading";
     uint32_t number = 0, time = 0;
     EXPECT_EQ(DNS_GetCache(&number, &time), DNS_OK);
@@ -136,7 +141,8 @@ TEST(Config, ReadingServersAndCacheParameters) {
         write_file("/var/orvdns.cache", file);
         number = time = 0;
         const uint32_t ret = DNS_GetCache(&number, &time);
-        EXPECT_EQ((ret == 0 ? "0" : hex(ret)) + " " + std::to_string(number) + " " + std::to_string(time), expect);
+        EXPECT_EQ((ret == 0 ? "0" : hex(ret)) + " " + std::to_string(number) + " " + std::to_string(time),
+                  expect);
     }
     write_file("/var/orvdns.cache", "x\nmaxtime 6\n" + std::string(130, 'm') + "\nmaxnumber 9 9\n");
     EXPECT_EQ(DNS_SetCache(0, 7, "/var/orvdns.cache"), DNS_OK);

@@ -64,7 +64,7 @@ TEST(Mask, ReplacedAddressesAndCallIdentifiers) {
         std::string text, out;
     } rows[] = {
         {"10.1.1.1", "a 10.1.1.1 b 10.1.1.1 c", "a 10.**.**.1 b 10.**.**.1 c"},
-        {"10.1.1.1", "10.1.1.10.1.1.1", "10.**.**.10.1.1.1"}, // searches never overlap
+        {"10.1.1.1", "10.1.1.10.1.1.1", "10.**.**.10.1.1.1"},       // searches never overlap
         {"fe80::1", f + f + f + f + f + f, fm + fm + fm + fm + fm}, // each grows by 19: the sixth is left out
         {"fe80::1", f + f + f + f + f + f + std::string(30, 'y'), "fail"}, // beyond the 100 spare bytes
     };

@@ -1,10 +1,6 @@
 // A scripted DNS server on a loopback address (port 53, one thread) and a
-// small builder of DNS messages. The table answers A/AAAA/CNAME/RCODE by name;
-// on_query() takes over with any bytes, or silence.
-//
-//   scripted_server srv("127.0.0.1");
-//   srv.answer_a("h.example", {"10.0.0.1"}, 60);
-//   srv.on_query([](const parsed_query &q) { return reply(msg::reply_to(q).rcode(2)); });
+// small builder of DNS messages. The table answers A and AAAA by name;
+// on_query() takes over with any bytes, or silence (reply()).
 #pragma once
 
 #include <chrono>
@@ -32,26 +28,28 @@ struct parsed_query {
     bytes raw;
 };
 parsed_query parse_query(std::span<const uint8_t> datagram);
-std::string type_name(uint16_t type); // "A", "AAAA", or the number
 
-// A message as written: counts follow the records unless overridden; names
-// equal to the question's become pointers to it when compressed.
+// A message as written: the answer count follows the records unless set;
+// names equal to the question's become pointers to it when compressed.
 class msg {
 public:
-    static msg reply_to(const parsed_query &q); // id, QR RD RA, the question echoed
+    static msg reply_to(const parsed_query &q);                            // id, QR RD RA, the question
     static msg query(uint16_t id, const std::string &name, uint16_t type); // RD, one question
-    msg &flags(uint16_t v) { flags_ = v; return *this; }
-    msg &rcode(uint8_t v) { flags_ = static_cast<uint16_t>((flags_ & ~0xF) | v); return *this; }
-    msg &ancount(uint16_t n) { an_ = n; return *this; }
+    msg &flags(uint16_t v) { return set(flags_, v); }
+    msg &rcode(uint8_t v) { return set(flags_, static_cast<uint16_t>((flags_ & ~0xF) | v)); }
+    msg &ancount(uint16_t n) { return set(an_, n); }
+    msg &compress() { return set(compress_, true); }
     msg &answer_raw(const std::string &name, uint16_t type, uint32_t ttl, test::bytes rdata);
     msg &answer_a(const std::string &name, const std::string &ip, uint32_t ttl);
     msg &answer_aaaa(const std::string &name, const std::string &ip, uint32_t ttl);
     msg &answer_cname(const std::string &name, const std::string &target, uint32_t ttl);
-    msg &compress(bool on = true) { compress_ = on; return *this; }
-    msg &truncate(size_t n) { cut_ = n; return *this; }
     test::bytes bytes() const;
 
 private:
+    template <typename T, typename V> msg &set(T &field, V v) {
+        field = v;
+        return *this;
+    }
     struct record {
         std::string name;
         uint16_t type;
@@ -64,7 +62,6 @@ private:
     std::string qname_;
     bool question_ = false, compress_ = false;
     int an_ = -1;
-    size_t cut_ = SIZE_MAX;
     std::vector<record> answers_;
 };
 
@@ -84,16 +81,12 @@ public:
 
     void answer_a(const std::string &name, const std::vector<std::string> &ips, uint32_t ttl = 300);
     void answer_aaaa(const std::string &name, const std::vector<std::string> &ips, uint32_t ttl = 300);
-    void answer_cname(const std::string &name, const std::string &target, uint32_t ttl = 300);
-    void answer_rcode(const std::string &name, uint8_t rc);
     // Unknown names get NXDOMAIN; known names without the type, no answer.
     reply table_reply(const parsed_query &q) const;
     void on_query(std::function<reply(const parsed_query &)> h);
 
     std::vector<parsed_query> queries() const;
-    size_t query_count() const { return queries().size(); }
     bool wait_for_queries(size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
-    void clear_queries();
     // The questions received as "name TYPE", forgotten afterwards.
     std::vector<std::string> asked();
 
@@ -104,8 +97,6 @@ private:
     mutable std::condition_variable arrived_;
     std::function<reply(const parsed_query &)> handler_;
     std::map<std::pair<std::string, uint16_t>, std::vector<std::pair<std::string, uint32_t>>> table_;
-    std::map<std::string, std::pair<std::string, uint32_t>> cnames_;
-    std::map<std::string, uint8_t> rcodes_;
     std::vector<parsed_query> queries_;
     std::thread thread_;
 };

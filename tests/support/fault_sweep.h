@@ -37,12 +37,14 @@ inline uint32_t sweep_callback(uint32_t, char *, DNS_IPADDR_S *, uint32_t, void 
 }
 
 inline bool is_result_code(uint32_t r) {
-    return r <= 1 || (r >= DNS_ERR_PARA_INVALID && r <= DNS_ERR_CACHE_EXPIRED && (r < 0x2604001D || r > 0x2604001F));
+    return r <= 1 ||
+           (r >= DNS_ERR_PARA_INVALID && r <= DNS_ERR_CACHE_EXPIRED && (r < 0x2604001D || r > 0x2604001F));
 }
 
 inline std::vector<std::string> library_files() {
     std::vector<std::string> out;
-    for (const char *f : {"/etc/resolv.conf", "/var/orvdns.cache", "/var/orvdnsaaaa.cache", "/var/orvdnssrv.cache"}) {
+    for (const char *f :
+         {"/etc/resolv.conf", "/var/orvdns.cache", "/var/orvdnsaaaa.cache", "/var/orvdnssrv.cache"}) {
         out.push_back(file_exists(f) ? read_file(f) : "(none)");
     }
     return out;
@@ -66,7 +68,8 @@ inline bool sweep_run(const sweep_row &row, unsigned n, std::vector<std::vector<
     (void)ORV_NETB_DnsSemUnLink(); // a failed wait leaves the count raised: start afresh
     const std::string where = std::string(row.name) + ", operation " + std::to_string(n) + " failing";
     EXPECT_TRUE(is_result_code(ret)) << where << ": 0x" << std::hex << ret;
-    EXPECT_TRUE(!row.async || callbacks.load() == (ret == DNS_OK ? 1 : 0)) << where << ": " << callbacks.load();
+    EXPECT_TRUE(!row.async || callbacks.load() == (ret == DNS_OK ? 1 : 0))
+        << where << ": " << callbacks.load();
     EXPECT_EQ(pal_test::outstanding_blocks(), blocks) << where;
     EXPECT_FALSE(file_exists("/var/dnsresolv.tmp") || file_exists("/var/dnssrv.tmp")) << where;
     const std::vector<std::string> after = library_files();

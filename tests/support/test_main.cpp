@@ -1,6 +1,5 @@
 // Main of every test executable: enter the sandbox first, then run GoogleTest
 // with a listener that checks each test leaves no platform block behind.
-#include <cstdio>
 #include <gtest/gtest.h>
 
 #include "os_adapter/test_hooks.h"
@@ -29,18 +28,13 @@ class leak_check : public testing::EmptyTestEventListener {
         if (ORV_NETB_DnsUnReachableIPClean != nullptr) {
             ORV_NETB_DnsUnReachableIPClean();
         }
-        long left = 0;
-        vekdns::test::wait_until(
-            [&] {
-                ORV_NETB_DnsCleanBuffer();
-                left = vekdns::pal_test::outstanding_blocks() - baseline_;
-                return left == 0;
-            },
-            std::chrono::seconds(5));
-        if (left != 0) {
+        const auto left = [this] {
+            return ORV_NETB_DnsCleanBuffer(), vekdns::pal_test::outstanding_blocks() - baseline_;
+        };
+        if (!vekdns::test::wait_until([&] { return left() == 0; }, std::chrono::seconds(5))) {
             char sites[4096];
             vekdns::pal_test::dump_outstanding(sites, sizeof(sites));
-            ADD_FAILURE() << left << " platform block(s) leaked by this test; allocated at:\n" << sites;
+            ADD_FAILURE() << left() << " platform block(s) leaked by this test; allocated at:\n" << sites;
             baseline_ = vekdns::pal_test::outstanding_blocks();
         }
         ORV_NETB_DnsSetLogLevel(5);
