@@ -16,9 +16,8 @@ namespace {
 using vekdns::fuzz::check;
 
 std::unique_ptr<char[]> exact(const uint8_t *p, size_t n) {
-    auto s = std::make_unique<char[]>(n + 1);
+    auto s = std::make_unique<char[]>(n + 1); // zero-filled: the terminator is there
     std::copy(p, p + n, s.get());
-    s[n] = '\0';
     return s;
 }
 
@@ -48,7 +47,7 @@ void run_out(uint32_t (*fn)(const char *, char **, uint32_t *), const char *src,
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static const uint32_t sizes[] = {0,  1,  6,  7,  9,  10,  13,  14,  15, 16,
                                      32, 45, 46, 47, 64, 128, 255, 256, 257};
-    if (size < 2) {
+    if (size < 2 || size > 4096) { // libFuzzer runs with -max_len=4096
         return 0;
     }
     const uint32_t dst_size = sizes[data[0] % (sizeof(sizes) / sizeof(sizes[0]))];

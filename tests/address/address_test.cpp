@@ -36,7 +36,10 @@ std::string join(const DNS_IPADDR_S *addrs, uint32_t n, const uint32_t *ttls = n
         char text[INET6_ADDRSTRLEN] = {};
         inet_ntop(addrs[i].ulType == DNS_IP_TYPE_IPV6 ? AF_INET6 : AF_INET, &addrs[i].unIpAddr, text,
                   sizeof(text));
-        out += (i == 0 ? "" : " ") + std::string(text) + (ttls ? "/" + std::to_string(ttls[i]) : "");
+        out.append(i == 0 ? "" : " ")
+            .append(text)
+            .append(ttls ? "/" : "")
+            .append(ttls ? std::to_string(ttls[i]) : "");
     }
     return out;
 }

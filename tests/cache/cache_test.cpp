@@ -65,13 +65,14 @@ TEST(MemoryCache, LiveWhileTheAgeIsAtMostTheLimitNewestFirst) {
 TEST(MemoryCache, FullCacheEvictsTheOldestOfAnEarlierSecond) {
     for (uint32_t i = 0; i < 32; ++i) {
         set_clock(2000 + i / 2); // two entries per second
-        ASSERT_EQ(DNS_SetIpToCache(("n" + std::to_string(i)).c_str(), 600, addr("10.0.0.1")), DNS_OK);
+        ASSERT_EQ(DNS_SetIpToCache((std::string("n") += std::to_string(i)).c_str(), 600, addr("10.0.0.1")),
+                  DNS_OK);
     }
     ASSERT_EQ(DNS_SetIpToCache("new", 600, addr("10.0.0.2")), DNS_OK);
     EXPECT_EQ(pstDNSCache->ulRecords, 32u);
     std::string gone;
     for (uint32_t i = 0; i < 32; ++i) {
-        gone += get_ip(DNS_GetIpFromCache, ("n" + std::to_string(i)).c_str(), 0) == "0 10.0.0.1"
+        gone += get_ip(DNS_GetIpFromCache, (std::string("n") += std::to_string(i)).c_str(), 0) == "0 10.0.0.1"
                     ? ""
                     : std::to_string(i);
     }

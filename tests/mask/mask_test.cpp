@@ -44,7 +44,6 @@ TEST(Mask, AddressesAndUrlsRows) {
     }
     EXPECT_EQ(GetUtlAddressType("ftp://[fe80::1]/"), 1u);
     EXPECT_EQ(GetAddressType("10.0.0.1,10.0.0.2", 1), 3u);
-    EXPECT_EQ(GetAddressType("::ffff:1.2.3.4", 1), 1u);
 }
 
 // The allocating calls: the output text, or "fail" for 1.

@@ -37,8 +37,8 @@ parsed_query parse_query(std::span<const uint8_t> d) {
     q.flags = static_cast<uint16_t>(d[2] << 8 | d[3]);
     size_t off = 12;
     while (off < d.size() && d[off] != 0 && d[off] < 64 && off + 1 + d[off] < d.size()) {
-        q.qname +=
-            (q.qname.empty() ? "" : ".") + std::string(d.begin() + off + 1, d.begin() + off + 1 + d[off]);
+        q.qname.append(q.qname.empty() ? 0 : 1, '.')
+            .append(d.begin() + off + 1, d.begin() + off + 1 + d[off]);
         off += 1 + d[off];
     }
     if (off + 5 > d.size() || d[off] != 0) {
