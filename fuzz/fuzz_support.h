@@ -1,5 +1,4 @@
-// Shared by the fuzz targets: the sandbox for targets that touch files, and
-// the checks every input must pass.
+// Shared by the fuzz targets: the sandbox for those that touch files, and checks.
 #pragma once
 
 #include <cstddef>

@@ -1,7 +1,5 @@
-// Replays a fuzz target's corpus without libFuzzer: every file of the given
-// directories (or the given files) is fed to LLVMFuzzerTestOneInput once.
-// A target that touches files or the network enters the sandbox in its
-// LLVMFuzzerInitialize, which runs first here as under libFuzzer.
+// Feeds every file of the given directories to LLVMFuzzerTestOneInput once, after
+// LLVMFuzzerInitialize (where targets that touch files enter the sandbox) as libFuzzer does.
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>

@@ -1,9 +1,7 @@
-// One sweep over the failure paths of a call: the call runs with "fail the
-// Nth platform operation" for N = 1, 2, ... until a run hits no fault. After
-// every run it checks what any failure must keep: a result code of the table
-// (or success), the callback exactly once for an accepted asynchronous call,
-// no platform block left, no temporary file left, and every library file
-// as it was, as the fault-free run leaves it, or (failure reported) cut short.
+// A call run with "fail the Nth platform operation" for N = 1, 2, ... until a run hits no fault,
+// checking what every failure must keep: a result code of the table (or success), the callback
+// exactly once for an accepted asynchronous call, no platform block or temporary file left, and
+// every library file as it was, as the fault-free run leaves it, or (failure reported) cut short.
 #pragma once
 
 #include <gtest/gtest.h>

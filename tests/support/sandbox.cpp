@@ -50,7 +50,6 @@ void unshare_namespaces() {
     write_proc("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
 }
 
-// Loopback up, and no other interface in the namespace.
 void loopback_only() {
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     struct ifreq ifr {};

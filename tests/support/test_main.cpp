@@ -1,5 +1,4 @@
-// Main of every test executable: enter the sandbox first, then run GoogleTest
-// with a listener that checks each test leaves no platform block behind.
+// Every test executable enters the sandbox, then checks that each test leaves no platform block.
 #include <gtest/gtest.h>
 
 #include "os_adapter/test_hooks.h"
@@ -23,8 +22,7 @@ class leak_check : public testing::EmptyTestEventListener {
         vekdns::pal_test::release_clock();
         ORV_NETB_DnsRegisterLogFunc(nullptr);
         ORV_NETB_DnsSetLogLevel(0); // the clean-up below is the harness's, not the test's
-        // Workers free their requests right after the callback returns, and
-        // the caches own their entries: empty them until the count settles.
+        // Workers free their requests after the callback; caches own entries: empty them until settled.
         if (ORV_NETB_DnsUnReachableIPClean != nullptr) {
             ORV_NETB_DnsUnReachableIPClean();
         }
