@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <string>
+#include <fcntl.h>
 
 #include "base/secure.h"
 #include "os_adapter/test_hooks.h"
@@ -93,9 +93,10 @@ TEST(NamedSem, CountOneReplacedAfterRemovalAndSharedWithOtherProcesses) {
     ASSERT_EQ(DNS_SemOpen(&h), DNS_OK);
     ASSERT_EQ(DNS_SemWait(&h), DNS_OK); // held, then removed: the next open must not wait on it
     EXPECT_EQ(ORV_NETB_DnsSemUnLink(), DNS_OK);
+    sem_close(sem_open("dns_lock_sem", O_CREAT, 0777, 1)); // made anew, as by another process
     void *fresh = nullptr;
     ASSERT_EQ(DNS_SemOpen(&fresh), DNS_OK);
-    EXPECT_NE(fresh, h);
+    ASSERT_NE(fresh, h) << "the mapping of the removed semaphore handed out again";
     EXPECT_EQ(DNS_SemWait(&fresh), DNS_OK);
     for (void **p : {&fresh, &h}) {
         EXPECT_EQ(DNS_SemPost(p), DNS_OK);
