@@ -1,4 +1,6 @@
 // Copy of one text file over another, line piece by line piece.
+#include <cstdio>
+
 #include "base/secure.h"
 #include "vek_dns_ops.h"
 #include "vek_os_adapter.h"
@@ -32,7 +34,10 @@ extern "C" VEK_DNS_API uint32_t DNS_CopyOneFileToAnother(const char *pszSrcFile,
             return DNS_ERR_WRITE_FILE;
         }
     }
+    // A read that stopped before the end is no copy: the target would be
+    // taken for complete while it holds only the start.
+    const bool whole = std::feof(src) != 0;
     (void)PAL_Fclose(src);
     (void)PAL_Fclose(dst);
-    return DNS_OK;
+    return whole ? DNS_OK : DNS_ERR_SEEK_FILE;
 }

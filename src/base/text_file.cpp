@@ -46,7 +46,8 @@ void remove_stale_temporaries(const char *base) {
 }
 
 // Writes the temporary file over the target in place: no truncation before
-// the last write, so a kill leaves the old length; then cut and synced.
+// the last write, so a kill leaves the old length; then cut and synced. A
+// failed write leaves the start of the new content.
 uint32_t write_in_place(const char *from, const char *target) {
     FILE *src = PAL_Fopen(from, "r");
     if (src == nullptr) {
@@ -67,6 +68,14 @@ uint32_t write_in_place(const char *from, const char *target) {
     ok = ok && std::feof(src) != 0 && sys::fflush(dst) == 0;
     const off_t length = ok ? ftello(dst) : -1;
     ok = ok && length >= 0 && sys::ftruncate(fileno(dst), length) == 0 && sys::fsync(fileno(dst)) == 0;
+    if (!ok) {
+        // A write that stopped must not leave the new lines followed by the
+        // rest of the old ones (lines neither had): the file is cut after what
+        // reached it, the start of the new content.
+        (void)sys::fflush(dst);
+        const off_t written = lseek(fileno(dst), 0, SEEK_CUR);
+        (void)(written >= 0 && sys::ftruncate(fileno(dst), written) == 0);
+    }
     (void)PAL_Fclose(src);
     ok = PAL_Fclose(dst) == 0 && ok;
     if (!ok) {

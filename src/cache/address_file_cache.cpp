@@ -55,13 +55,13 @@ uint32_t create_address_file(const char *path, const char *name, uint32_t ttl, c
         const int number = static_cast<int>(vekdns::cache_default_max_number);
         const int time = static_cast<int>(vekdns::cache_default_max_time);
         const uint32_t now = PAL_GetSysTimeSec();
-        const int len = addr.ulType == DNS_IP_TYPE_IPV4
-                            ? format_line(text, "maxnumber %d\nmaxtime %d\n%s %u %u %u\n", number, time, name,
-                                          addr.unIpAddr.ulIpv4, now, ttl)
-                            : format_line(text, "maxnumber %d\nmaxtime %d\n%s %s %u %u\n", number, time, name,
-                                          address, now, ttl);
-        if (len < 0) {
-            end_cut_text(text);
+        // The whole text is one bounded format: a text cut at 127 characters stays as it was cut.
+        if (addr.ulType == DNS_IP_TYPE_IPV4) {
+            (void)format_line(text, "maxnumber %d\nmaxtime %d\n%s %u %u %u\n", number, time, name,
+                              addr.unIpAddr.ulIpv4, now, ttl);
+        } else {
+            (void)format_line(text, "maxnumber %d\nmaxtime %d\n%s %s %u %u\n", number, time, name, address,
+                              now, ttl);
         }
         return file.put(text) ? DNS_OK : DNS_ERR_WRITE_FILE;
     });

@@ -194,13 +194,9 @@ ssize_t PAL_Recv(int lFd, void *pBuf, size_t ulLen) {
 
 // ---- address conversion -------------------------------------------------------
 
-uint32_t PAL_InetAddr(const char *pszText) {
-    struct in_addr addr {};
-    if (pszText == nullptr || inet_pton(AF_INET, pszText, &addr) != 1) {
-        return 0xFFFFFFFFu;
-    }
-    return addr.s_addr;
-}
+// The classic dotted conversion: octal and hexadecimal parts and forms with
+// fewer than four parts are accepted; failure reads as 0xFFFFFFFF.
+uint32_t PAL_InetAddr(const char *pszText) { return pszText == nullptr ? 0xFFFFFFFFu : inet_addr(pszText); }
 
 char *PAL_InetNtoa(uint32_t ulAddr) {
     static thread_local char text[INET_ADDRSTRLEN];

@@ -20,6 +20,9 @@ struct fault {
 constexpr std::size_t op_count = static_cast<std::size_t>(op::count_);
 std::array<fault, op_count> g_faults;
 std::atomic<bool> g_any_armed{false};
+std::atomic<unsigned> g_any_calls{0};
+std::atomic<unsigned> g_any_nth{0}; // 0: not armed
+std::atomic<bool> g_any_fired{false};
 
 std::mutex g_path_mutex;
 std::string &g_fopen_path = *new std::string; // guarded by g_path_mutex; never destroyed
@@ -53,7 +56,18 @@ void fail_nth_path(const char *path, unsigned n, unsigned times) {
     g_path_armed.store(true);
 }
 
+void fail_nth_any(unsigned n) {
+    g_any_fired.store(false);
+    g_any_calls.store(0);
+    g_any_nth.store(n);
+    g_any_armed.store(true);
+}
+
+bool any_fault_fired() { return g_any_fired.load(); }
+
 void clear_faults() {
+    g_any_nth.store(0);
+    g_any_fired.store(false);
     for (fault &f : g_faults) {
         f.first.store(0);
         f.last.store(0);
@@ -73,6 +87,11 @@ bool should_fail(op o) {
     unsigned call = f.calls.fetch_add(1, std::memory_order_relaxed) + 1;
     if (!g_any_armed.load(std::memory_order_relaxed)) {
         return false;
+    }
+    const unsigned nth = g_any_nth.load();
+    if (nth != 0 && o != op::sem_post && g_any_calls.fetch_add(1) + 1 == nth) {
+        g_any_fired.store(true);
+        return true;
     }
     return hit(call, f.first.load(), f.last.load());
 }

@@ -48,6 +48,11 @@ void fail_nth(op o, unsigned n, unsigned times = 1);
 // Same for PAL_Fopen, counting only opens whose path equals `path`, or is a
 // temporary file named after it (`path` followed by '.').
 void fail_nth_path(const char *path, unsigned n, unsigned times = 1);
+// Make the nth platform operation of any kind (counted from now) fail, once.
+// A failing semaphore post is left out: it would keep a lock taken for good.
+void fail_nth_any(unsigned n);
+// True when the fault armed by fail_nth_any() has fired.
+bool any_fault_fired();
 // Disarm every fault.
 void clear_faults();
 // Number of calls of `o` seen since the last clear_faults() (armed or not).

@@ -96,7 +96,8 @@ TEST(Transport, WaitMatchAndTcpRetry) {
     const query_handler late_id = [&](Q q) { return other_id(table(q)).then(table(q).datagrams[0]); };
     const query_handler late_q = [&](Q q) {
         const msg other = msg::reply_to(parse_query(msg::query(q.id, "ONE.x", q.qtype).bytes()));
-        return reply(msg(other).answer_a("x", "10.6.6.6", 1)).then(table(q).datagrams[0]);
+        const reply ours = table(parse_query(msg::query(q.id, "one", q.qtype).bytes())); // "One" asked
+        return reply(msg(other).answer_a("x", "10.6.6.6", 1)).then(ours.datagrams[0]);
     };
     const query_handler tc_only = [](Q q) { return reply(msg::reply_to(q).tc()); };
     const query_handler silent = [](Q) { return reply(); };

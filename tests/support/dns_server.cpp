@@ -1,311 +1,309 @@
 #include "support/dns_server.h"
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
-#include <cerrno>
 #include <cstring>
-#include <iostream>
 #include <stdexcept>
 
 namespace vekdns::test {
-
 namespace {
 
-using steady = std::chrono::steady_clock;
-
-// Table key: lower case, without one trailing dot.
-std::string key_of(std::string name) {
-    if (!name.empty() && name.back() == '.')
-        name.pop_back();
-    std::transform(name.begin(), name.end(), name.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return name;
+void put16(bytes &out, uint16_t v) {
+    out.push_back(static_cast<uint8_t>(v >> 8));
+    out.push_back(static_cast<uint8_t>(v));
 }
 
-[[noreturn]] void fail(const std::string &what, const std::string &address, uint16_t port) {
-    const std::string reason = std::strerror(errno);
-    throw std::runtime_error("scripted_server " + address + " port " + std::to_string(port) +
-                             ": " + what + ": " + reason);
+bytes address(int family, const std::string &text) {
+    bytes out(family == AF_INET ? 4 : 16);
+    if (inet_pton(family, text.c_str(), out.data()) != 1) {
+        throw std::invalid_argument("not an address: " + text);
+    }
+    return out;
 }
 
 } // namespace
 
-struct scripted_server::pending {
-    steady::time_point due;
-    sockaddr_storage peer;
-    socklen_t peer_len;
-    std::vector<bytes> datagrams;
-};
-
-scripted_server::scripted_server(const std::string &address, uint16_t port) : address_(address) {
-    sockaddr_storage addr{};
-    socklen_t addr_len = 0;
-    auto *v4 = reinterpret_cast<sockaddr_in *>(&addr);
-    auto *v6 = reinterpret_cast<sockaddr_in6 *>(&addr);
-    if (inet_pton(AF_INET, address.c_str(), &v4->sin_addr) == 1) {
-        family_ = v4->sin_family = AF_INET;
-        v4->sin_port = htons(port);
-        addr_len = sizeof *v4;
-    } else if (inet_pton(AF_INET6, address.c_str(), &v6->sin6_addr) == 1) {
-        family_ = v6->sin6_family = AF_INET6;
-        v6->sin6_port = htons(port);
-        addr_len = sizeof *v6;
-    } else {
-        throw std::invalid_argument("scripted_server: not a numeric address: " + address);
+parsed_query parse_query(std::span<const uint8_t> d) {
+    parsed_query q;
+    q.raw.assign(d.begin(), d.end());
+    if (d.size() < 12) {
+        return q;
     }
-
-    sock_ = ::socket(family_, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (sock_ < 0)
-        fail("socket", address, port);
-    const int one = 1;
-    if (family_ == AF_INET6)
-        setsockopt(sock_, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof one);
-    if (::bind(sock_, reinterpret_cast<sockaddr *>(&addr), addr_len) != 0 ||
-        getsockname(sock_, reinterpret_cast<sockaddr *>(&addr), &addr_len) != 0) {
-        const int saved = errno;
-        ::close(sock_);
-        errno = saved;
-        fail("bind", address, port);
+    q.id = static_cast<uint16_t>(d[0] << 8 | d[1]);
+    q.flags = static_cast<uint16_t>(d[2] << 8 | d[3]);
+    size_t off = 12;
+    while (off < d.size() && d[off] != 0 && d[off] < 64 && off + 1 + d[off] < d.size()) {
+        q.qname.append(q.qname.empty() ? 0 : 1, '.')
+            .append(d.begin() + off + 1, d.begin() + off + 1 + d[off]);
+        off += 1 + d[off];
     }
-    port_ = ntohs(family_ == AF_INET ? v4->sin_port : v6->sin6_port);
+    if (off + 5 > d.size() || d[off] != 0) {
+        return q;
+    }
+    q.qtype = static_cast<uint16_t>(d[off + 1] << 8 | d[off + 2]);
+    q.ok = true;
+    return q;
+}
 
+msg msg::reply_to(const parsed_query &q) {
+    msg m;
+    m.id_ = q.id;
+    m.flags_ = static_cast<uint16_t>(0x8080 | (q.flags & 0x0100));
+    m.question_ = true;
+    m.qname_ = q.qname;
+    m.qtype_ = q.qtype;
+    return m;
+}
+
+msg msg::query(uint16_t id, const std::string &name, uint16_t type) {
+    msg m = reply_to(parsed_query{true, id, 0x0100, type, name, {}});
+    m.flags_ = 0x0100;
+    return m;
+}
+
+msg &msg::answer_raw(const std::string &name, uint16_t type, uint32_t ttl, test::bytes rdata) {
+    answers_.push_back({name, type, ttl, std::move(rdata), ""});
+    return *this;
+}
+msg &msg::answer_a(const std::string &name, const std::string &ip, uint32_t ttl) {
+    return answer_raw(name, qtype::a, ttl, address(AF_INET, ip));
+}
+msg &msg::answer_aaaa(const std::string &name, const std::string &ip, uint32_t ttl) {
+    return answer_raw(name, qtype::aaaa, ttl, address(AF_INET6, ip));
+}
+msg &msg::answer_cname(const std::string &name, const std::string &target, uint32_t ttl) {
+    answers_.push_back({name, qtype::cname, ttl, {}, target});
+    return *this;
+}
+
+msg &msg::answer_srv(const std::string &name, uint16_t prio, uint16_t weight, uint16_t port,
+                     const std::string &target, uint32_t ttl) {
+    test::bytes head;
+    for (uint16_t v : {prio, weight, port}) {
+        put16(head, v);
+    }
+    answers_.push_back({name, qtype::srv, ttl, std::move(head), target});
+    return *this;
+}
+msg &msg::additional_a(const std::string &name, const std::string &ip, uint32_t ttl) {
+    additional_.push_back({name, qtype::a, ttl, address(AF_INET, ip), ""});
+    return *this;
+}
+msg &msg::additional_aaaa(const std::string &name, const std::string &ip, uint32_t ttl) {
+    additional_.push_back({name, qtype::aaaa, ttl, address(AF_INET6, ip), ""});
+    return *this;
+}
+
+test::bytes msg::name(const std::string &n, bool may_point) const {
+    if (may_point && compress_ && question_ && n == qname_) {
+        return {0xC0, 12};
+    }
+    test::bytes out;
+    for (size_t start = 0; start < n.size();) {
+        size_t dot = n.find('.', start);
+        dot = dot == std::string::npos ? n.size() : dot;
+        out.push_back(static_cast<uint8_t>(dot - start));
+        out.insert(out.end(), n.begin() + static_cast<long>(start), n.begin() + static_cast<long>(dot));
+        start = dot + 1;
+    }
+    out.push_back(0);
+    return out;
+}
+
+test::bytes msg::bytes() const {
+    test::bytes out;
+    for (uint16_t v : {id_, flags_, static_cast<uint16_t>(question_ ? 1 : 0),
+                       static_cast<uint16_t>(an_ >= 0 ? an_ : static_cast<int>(answers_.size())), uint16_t{0},
+                       static_cast<uint16_t>(additional_.size())}) {
+        put16(out, v);
+    }
+    if (question_) {
+        const test::bytes qn = name(qname_, false);
+        out.insert(out.end(), qn.begin(), qn.end());
+        put16(out, qtype_);
+        put16(out, 1);
+    }
+    for (const record &r : answers_) {
+        records(out, r);
+    }
+    for (const record &r : additional_) {
+        records(out, r);
+    }
+    return out;
+}
+
+void msg::records(test::bytes &out, const record &r) const {
+    const test::bytes owner = name(r.name),
+                      target = r.rdata_name.empty() ? test::bytes{} : name(r.rdata_name);
+    test::bytes data = r.rdata;
+    data.insert(data.end(), target.begin(), target.end());
+    out.insert(out.end(), owner.begin(), owner.end());
+    put16(out, r.type);
+    put16(out, 1);
+    put16(out, static_cast<uint16_t>(r.ttl >> 16));
+    put16(out, static_cast<uint16_t>(r.ttl));
+    put16(out, static_cast<uint16_t>(data.size()));
+    out.insert(out.end(), data.begin(), data.end());
+}
+
+scripted_server::scripted_server(const std::string &addr) {
+    sockaddr_in6 v6{AF_INET6, htons(53), 0, {}, 0};
+    sockaddr_in v4{AF_INET, htons(53), {}, {}};
+    const bool is_v6 = addr.find(':') != std::string::npos;
+    sock_ = socket(is_v6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     wake_ = eventfd(0, EFD_CLOEXEC);
-    if (wake_ < 0) {
-        const int saved = errno;
-        ::close(sock_);
-        errno = saved;
-        fail("eventfd", address, port);
+    if (sock_ < 0 || wake_ < 0 ||
+        inet_pton(is_v6 ? AF_INET6 : AF_INET, addr.c_str(), is_v6 ? (void *)&v6.sin6_addr : &v4.sin_addr) !=
+            1 ||
+        (is_v6 ? bind(sock_, reinterpret_cast<sockaddr *>(&v6), sizeof v6)
+               : bind(sock_, reinterpret_cast<sockaddr *>(&v4), sizeof v4)) != 0) {
+        throw std::runtime_error("scripted_server: cannot bind " + addr + ": " + std::strerror(errno));
     }
     thread_ = std::thread([this] { run(); });
 }
 
 scripted_server::~scripted_server() {
     const uint64_t one = 1;
-    if (::write(wake_, &one, sizeof one) != static_cast<ssize_t>(sizeof one))
-        std::cerr << "scripted_server: cannot wake the server thread\n";
+    (void)!write(wake_, &one, sizeof one);
     thread_.join();
-    ::close(wake_);
-    ::close(sock_);
+    close(wake_);
+    close(sock_);
 }
 
 void scripted_server::run() {
-    std::vector<pending> queue;
+    using steady = std::chrono::steady_clock;
+    struct pending {
+        steady::time_point due;
+        sockaddr_storage peer;
+        socklen_t peer_len;
+        std::vector<bytes> datagrams;
+    };
+    std::vector<pending> later;
     std::vector<uint8_t> buf(65536);
     for (;;) {
-        // Send what is due, in the order it was queued.
-        const auto now = steady::now();
-        int timeout = -1;
-        for (auto it = queue.begin(); it != queue.end();) {
-            if (it->due <= now) {
-                for (const auto &d : it->datagrams)
-                    ::sendto(sock_, d.data(), d.size(), 0, reinterpret_cast<const sockaddr *>(&it->peer),
-                             it->peer_len);
-                it = queue.erase(it);
+        long long wait_ms = -1; // until the next delayed reply is due
+        for (const pending &p : later) {
+            const long long ms = std::max<long long>(
+                0, std::chrono::ceil<std::chrono::milliseconds>(p.due - steady::now()).count());
+            wait_ms = wait_ms < 0 ? ms : std::min(wait_ms, ms);
+        }
+        pollfd fds[2] = {{sock_, POLLIN, 0}, {wake_, POLLIN, 0}};
+        if (poll(fds, 2, static_cast<int>(wait_ms)) < 0 || fds[1].revents != 0) {
+            return;
+        }
+        for (auto it = later.begin(); it != later.end();) {
+            if (it->due > steady::now()) {
+                ++it;
                 continue;
             }
-            const auto wait = std::chrono::ceil<std::chrono::milliseconds>(it->due - now).count();
-            timeout = timeout < 0 ? static_cast<int>(wait) : std::min(timeout, static_cast<int>(wait));
-            ++it;
+            for (const bytes &d : it->datagrams) {
+                (void)sendto(sock_, d.data(), d.size(), 0, reinterpret_cast<sockaddr *>(&it->peer),
+                             it->peer_len);
+            }
+            it = later.erase(it);
         }
-
-        pollfd fds[2] = {{sock_, POLLIN, 0}, {wake_, POLLIN, 0}};
-        const int ready = ::poll(fds, 2, timeout);
-        if (ready < 0 && errno != EINTR) {
-            std::cerr << "scripted_server: poll: " << std::strerror(errno) << "\n";
-            return;
-        }
-        if (ready <= 0)
+        if (fds[0].revents == 0) {
             continue;
-        if (fds[1].revents != 0)
-            return;
-        if ((fds[0].revents & POLLIN) == 0)
-            continue;
-        for (;;) {
-            sockaddr_storage peer{};
-            socklen_t peer_len = sizeof peer;
-            const ssize_t n = ::recvfrom(sock_, buf.data(), buf.size(), MSG_DONTWAIT,
-                                         reinterpret_cast<sockaddr *>(&peer), &peer_len);
-            if (n < 0)
-                break;
-            handle(buf.data(), static_cast<size_t>(n), &peer, peer_len, queue);
         }
-    }
-}
-
-void scripted_server::handle(const uint8_t *data, size_t len, const void *peer, unsigned peer_len,
-                             std::vector<pending> &queue) {
-    parsed_query q = parse_query({data, len});
-    pending p{};
-    std::memcpy(&p.peer, peer, std::min<size_t>(peer_len, sizeof p.peer));
-    p.peer_len = peer_len;
-    q.peer_port = ntohs(p.peer.ss_family == AF_INET
-                            ? reinterpret_cast<const sockaddr_in *>(&p.peer)->sin_port
-                            : reinterpret_cast<const sockaddr_in6 *>(&p.peer)->sin6_port);
-
-    query_handler h;
-    {
-        std::lock_guard lock(mu_);
-        ++query_count_;
-        if (keep_queries_)
+        pending p{};
+        p.peer_len = sizeof p.peer;
+        const ssize_t n =
+            recvfrom(sock_, buf.data(), buf.size(), 0, reinterpret_cast<sockaddr *>(&p.peer), &p.peer_len);
+        if (n < 0) {
+            continue;
+        }
+        const parsed_query q = parse_query({buf.data(), static_cast<size_t>(n)});
+        query_handler h;
+        {
+            std::lock_guard lock(mu_);
             queries_.push_back(q);
-        h = handler_;
+            h = handler_;
+        }
+        arrived_.notify_all();
+        reply r = h ? h(q) : table_reply(q);
+        p.due = steady::now() + r.delay;
+        p.datagrams = std::move(r.datagrams);
+        later.push_back(std::move(p));
     }
-    arrived_.notify_all();
-
-    reply r;
-    try {
-        r = h ? h(q) : table_reply(q);
-    } catch (const std::exception &e) {
-        std::cerr << "scripted_server: query handler threw: " << e.what() << "\n";
-        std::lock_guard lock(mu_);
-        ++handler_errors_;
-        return;
-    }
-    if (r.datagrams.empty())
-        return;
-    p.due = steady::now() + r.delay;
-    p.datagrams = std::move(r.datagrams);
-    queue.push_back(std::move(p));
 }
 
-void scripted_server::on_query(query_handler h) {
+void scripted_server::answer_a(const std::string &name, const std::vector<std::string> &ips, uint32_t ttl) {
+    std::lock_guard lock(mu_);
+    for (const std::string &ip : ips) {
+        table_[{name, qtype::a}].emplace_back(ip, ttl);
+    }
+}
+void scripted_server::answer_aaaa(const std::string &name, const std::vector<std::string> &ips,
+                                  uint32_t ttl) {
+    std::lock_guard lock(mu_);
+    for (const std::string &ip : ips) {
+        table_[{name, qtype::aaaa}].emplace_back(ip, ttl);
+    }
+}
+void scripted_server::answer_srv(const std::string &name, const std::vector<srv_target> &targets,
+                                 uint32_t ttl) {
+    std::lock_guard lock(mu_);
+    for (const srv_target &t : targets) {
+        srv_[name].emplace_back(t, ttl);
+    }
+}
+void scripted_server::on_query(std::function<reply(const parsed_query &)> h) {
     std::lock_guard lock(mu_);
     handler_ = std::move(h);
 }
 
-// ---- reply table ------------------------------------------------------------
-
-void scripted_server::add_answer(const std::string &name, uint16_t type, rr record) {
-    std::lock_guard lock(mu_);
-    table_[{key_of(name), type}].answers.push_back(std::move(record));
-}
-
-void scripted_server::add_additional(const std::string &name, uint16_t type, rr record) {
-    std::lock_guard lock(mu_);
-    table_[{key_of(name), type}].additional.push_back(std::move(record));
-}
-
-void scripted_server::answer_a(const std::string &name, const std::vector<std::string> &ips, uint32_t ttl) {
-    for (const auto &ip : ips)
-        add_answer(name, qtype::a, a_record(name, ip, ttl));
-}
-
-void scripted_server::answer_aaaa(const std::string &name, const std::vector<std::string> &ips, uint32_t ttl) {
-    for (const auto &ip : ips)
-        add_answer(name, qtype::aaaa, aaaa_record(name, ip, ttl));
-}
-
-void scripted_server::answer_cname(const std::string &name, const std::string &target, uint32_t ttl) {
-    std::lock_guard lock(mu_);
-    cnames_[key_of(name)] = {name, target, ttl};
-}
-
-void scripted_server::answer_srv(const std::string &name, const std::vector<srv_target> &targets,
-                                 uint32_t ttl) {
-    for (const auto &t : targets)
-        add_answer(name, qtype::srv, srv_record(name, t.priority, t.weight, t.port, t.target, ttl));
-}
-
-void scripted_server::answer_rcode(const std::string &name, uint8_t rc) {
-    std::lock_guard lock(mu_);
-    rcodes_[key_of(name)] = rc;
-}
-
-void scripted_server::unknown_rcode(uint8_t rc) {
-    std::lock_guard lock(mu_);
-    unknown_rcode_ = rc;
-}
-
-void scripted_server::clear_table() {
-    std::lock_guard lock(mu_);
-    table_.clear();
-    cnames_.clear();
-    rcodes_.clear();
-    unknown_rcode_ = rcode::nxdomain;
-}
-
 reply scripted_server::table_reply(const parsed_query &q) const {
-    if (!q.ok)
-        return reply::silence();
+    if (!q.ok) {
+        return {};
+    }
     std::lock_guard lock(mu_);
     msg m = msg::reply_to(q);
-    std::string name = key_of(q.qname);
-    bool known = false;
-    for (int hops = 0; hops < 8; ++hops) {
-        auto c = cnames_.find(name);
-        if (c == cnames_.end())
-            break;
-        m.answer_cname(c->second.owner, c->second.target, c->second.ttl);
-        name = key_of(c->second.target);
-        known = true;
+    const auto asked = table_.find({q.qname, q.qtype});
+    for (const auto &[ip, ttl] : asked != table_.end() ? asked->second : decltype(asked->second){}) {
+        q.qtype == qtype::a ? m.answer_a(q.qname, ip, ttl) : m.answer_aaaa(q.qname, ip, ttl);
     }
-    if (auto rc = rcodes_.find(name); rc != rcodes_.end())
-        return m.rcode(rc->second);
-
-    auto it = table_.find({name, q.qtype});
-    if (it != table_.end()) {
-        for (const auto &r : it->second.answers)
-            m.answer(r);
-        for (const auto &r : it->second.additional)
-            m.additional(r);
-        // Glue: the addresses the table knows for each SRV target.
-        if (q.qtype == qtype::srv)
-            for (const auto &r : it->second.answers) {
-                if (r.type != qtype::srv || r.rdata.size() != 2)
-                    continue;
-                std::string target;
-                for (const auto &label : std::get<dname>(r.rdata[1]).labels())
-                    target += (target.empty() ? "" : ".") + label;
-                for (uint16_t t : {qtype::a, qtype::aaaa})
-                    if (auto g = table_.find({key_of(target), t}); g != table_.end())
-                        for (const auto &a : g->second.answers)
-                            m.additional(a);
+    const auto srv = srv_.find(q.qname);
+    for (const auto &[t, ttl] :
+         q.qtype == qtype::srv && srv != srv_.end() ? srv->second : decltype(srv->second){}) {
+        m.answer_srv(q.qname, t.priority, t.weight, t.port, t.target, ttl);
+        for (uint16_t type : {qtype::a, qtype::aaaa}) {
+            const auto glue = table_.find({t.target, type});
+            for (const auto &[ip, glue_ttl] :
+                 glue != table_.end() ? glue->second : decltype(glue->second){}) {
+                type == qtype::a ? m.additional_a(t.target, ip, glue_ttl)
+                                 : m.additional_aaaa(t.target, ip, glue_ttl);
             }
-        return m;
+        }
     }
-    known = known || std::any_of(table_.begin(), table_.end(),
-                                 [&](const auto &kv) { return kv.first.first == name; });
-    return known ? m : m.rcode(unknown_rcode_);
-}
-
-// ---- what was received ------------------------------------------------------
-
-void scripted_server::keep_queries(bool on) {
-    std::lock_guard lock(mu_);
-    keep_queries_ = on;
+    const bool known =
+        table_.contains({q.qname, qtype::a}) || table_.contains({q.qname, qtype::aaaa}) || srv != srv_.end();
+    return known ? m : m.rcode(3);
 }
 
 std::vector<parsed_query> scripted_server::queries() const {
     std::lock_guard lock(mu_);
     return queries_;
 }
-
-size_t scripted_server::query_count() const {
-    std::lock_guard lock(mu_);
-    return query_count_;
-}
-
 bool scripted_server::wait_for_queries(size_t n, std::chrono::milliseconds timeout) const {
     std::unique_lock lock(mu_);
-    return arrived_.wait_for(lock, timeout, [&] { return query_count_ >= n; });
+    return arrived_.wait_for(lock, timeout, [&] { return queries_.size() >= n; });
 }
-
-void scripted_server::clear_queries() {
+std::vector<std::string> scripted_server::asked() {
+    std::vector<std::string> out;
+    for (const parsed_query &q : queries()) {
+        out.push_back(q.qname + (q.qtype == qtype::a      ? " A"
+                                 : q.qtype == qtype::aaaa ? " AAAA"
+                                 : q.qtype == qtype::srv  ? " SRV"
+                                                          : " ?"));
+    }
     std::lock_guard lock(mu_);
     queries_.clear();
-    query_count_ = 0;
-}
-
-size_t scripted_server::handler_errors() const {
-    std::lock_guard lock(mu_);
-    return handler_errors_;
+    return out;
 }
 
 } // namespace vekdns::test

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
-#include <mutex>
 #include <net/if.h>
 #include <sched.h>
 #include <sstream>
@@ -17,26 +16,20 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "vek_dns_ops.h"
-
 namespace vekdns::test {
 namespace {
 
 [[noreturn]] void refuse(const char *what) {
     std::fprintf(stderr,
-                 "sandbox: %s failed (%s). Tests run only in a private network namespace; "
-                 "run them as root or where unprivileged user namespaces are allowed.\n",
+                 "sandbox: %s failed (%s). Tests run only in a private network namespace; run them as "
+                 "root or where unprivileged user namespaces are allowed.\n",
                  what, std::strerror(errno));
-    std::fflush(stderr);
     _exit(2);
 }
 
 void write_proc(const char *path, const std::string &text) {
-    int fd = open(path, O_WRONLY);
-    if (fd < 0) {
-        refuse(path);
-    }
-    if (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+    const int fd = open(path, O_WRONLY);
+    if (fd < 0 || write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
         refuse(path);
     }
     close(fd);
@@ -47,8 +40,8 @@ void unshare_namespaces() {
         return;
     }
     // Not privileged: map ourselves to root in a new user namespace first.
-    uid_t uid = getuid();
-    gid_t gid = getgid();
+    const uid_t uid = getuid();
+    const gid_t gid = getgid();
     if (unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWNET) != 0) {
         refuse("unshare(user+mount+net)");
     }
@@ -57,14 +50,11 @@ void unshare_namespaces() {
     write_proc("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
 }
 
-void loopback_up() {
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        refuse("socket for loopback");
-    }
+void loopback_only() {
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     struct ifreq ifr {};
     std::strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
-    if (ioctl(fd, SIOCGIFFLAGS, &ifr) != 0) {
+    if (fd < 0 || ioctl(fd, SIOCGIFFLAGS, &ifr) != 0) {
         refuse("SIOCGIFFLAGS lo");
     }
     ifr.ifr_flags |= IFF_UP | IFF_RUNNING;
@@ -72,17 +62,10 @@ void loopback_up() {
         refuse("SIOCSIFFLAGS lo");
     }
     close(fd);
-}
-
-void check_only_loopback() {
     struct if_nameindex *ifs = if_nameindex();
-    if (ifs == nullptr) {
-        refuse("if_nameindex");
-    }
-    for (struct if_nameindex *i = ifs; i->if_index != 0; ++i) {
+    for (struct if_nameindex *i = ifs; i != nullptr && i->if_index != 0; ++i) {
         if (std::strcmp(i->if_name, "lo") != 0) {
-            std::fprintf(stderr, "sandbox: unexpected interface %s in the test namespace\n", i->if_name);
-            _exit(2);
+            refuse(i->if_name);
         }
     }
     if_freenameindex(ifs);
@@ -94,14 +77,6 @@ void mount_tmpfs(const char *path) {
     }
 }
 
-std::mutex g_log_mutex;
-std::vector<std::string> g_log_lines; // guarded by g_log_mutex
-
-void capture_sink(const char *line) {
-    std::lock_guard<std::mutex> lock(g_log_mutex);
-    g_log_lines.emplace_back(line);
-}
-
 } // namespace
 
 void enter_sandbox() {
@@ -109,18 +84,14 @@ void enter_sandbox() {
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
         refuse("making mounts private");
     }
-    loopback_up();
-    check_only_loopback();
+    loopback_only();
     mount_tmpfs("/var");
     mount_tmpfs("/dev/shm");
     // A private resolver file: a tmpfs file bind-mounted over the real one.
     if (mkdir("/var/.sandbox", 0700) != 0) {
         refuse("mkdir /var/.sandbox");
     }
-    {
-        std::ofstream f("/var/.sandbox/resolv.conf");
-        f << "nameserver 127.0.0.1\n";
-    }
+    write_file("/var/.sandbox/resolv.conf", "nameserver 127.0.0.1\n");
     if (mount("/var/.sandbox/resolv.conf", "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0) {
         refuse("bind mount over /etc/resolv.conf");
     }
@@ -139,9 +110,13 @@ void write_file(const std::string &path, const std::string &content) {
     f << content;
 }
 
-bool file_exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
+bool file_exists(const std::string &path) {
+    return access(path.c_str(), F_OK) == 0;
+}
 
-void set_resolv_conf(const std::string &content) { write_file("/etc/resolv.conf", content); }
+void set_resolv_conf(const std::string &content) {
+    write_file("/etc/resolv.conf", content);
+}
 
 bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds timeout) {
     auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -152,37 +127,6 @@ bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds tim
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
-}
-
-log_capture::log_capture(unsigned level) : saved_level_(ORV_NETB_DnsGetLogLevel()) {
-    clear();
-    ORV_NETB_DnsSetLogLevel(level);
-    ORV_NETB_DnsRegisterLogFunc(capture_sink);
-}
-
-log_capture::~log_capture() {
-    ORV_NETB_DnsRegisterLogFunc(nullptr);
-    ORV_NETB_DnsSetLogLevel(saved_level_);
-}
-
-std::vector<std::string> log_capture::lines() const {
-    std::lock_guard<std::mutex> lock(g_log_mutex);
-    return g_log_lines;
-}
-
-bool log_capture::contains(const std::string &needle) const {
-    std::lock_guard<std::mutex> lock(g_log_mutex);
-    for (const std::string &line : g_log_lines) {
-        if (line.find(needle) != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
-}
-
-void log_capture::clear() {
-    std::lock_guard<std::mutex> lock(g_log_mutex);
-    g_log_lines.clear();
 }
 
 } // namespace vekdns::test

@@ -1,15 +1,12 @@
-// Test isolation and small helpers shared by every test executable.
-//
-// Every test process enters a private mount + network namespace before
-// anything else (see test_main.cpp): only loopback exists, /var and /dev/shm
-// are fresh tmpfs mounts, and /etc/resolv.conf is a private temporary file.
+// Test isolation: every test process first enters a private mount + network
+// namespace with only loopback, tmpfs on /var and /dev/shm, and a private
+// /etc/resolv.conf. Small file helpers.
 #pragma once
 
 #include <chrono>
 #include <functional>
 #include <string>
 #include <thread>
-#include <vector>
 
 namespace vekdns::test {
 
@@ -26,21 +23,5 @@ void set_resolv_conf(const std::string &content);
 // Polls `pred` until it holds or `timeout` passes; returns the last value.
 bool wait_until(const std::function<bool()> &pred,
                 std::chrono::milliseconds timeout = std::chrono::seconds(10));
-
-// Captures every line the library logs while alive (through the registered
-// log function); restores standard output logging and the level on exit.
-class log_capture {
-public:
-    explicit log_capture(unsigned level = 6);
-    ~log_capture();
-    log_capture(const log_capture &) = delete;
-    log_capture &operator=(const log_capture &) = delete;
-    std::vector<std::string> lines() const;
-    bool contains(const std::string &needle) const;
-    void clear();
-
-private:
-    unsigned saved_level_;
-};
 
 } // namespace vekdns::test

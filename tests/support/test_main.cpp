@@ -1,6 +1,4 @@
-// Main of every test executable: enter the sandbox first, then run GoogleTest
-// with a listener that checks each test leaves no platform block behind.
-#include <cstdio>
+// Every test executable enters the sandbox, then checks that each test leaves no platform block.
 #include <gtest/gtest.h>
 
 #include "os_adapter/test_hooks.h"
@@ -24,23 +22,17 @@ class leak_check : public testing::EmptyTestEventListener {
         vekdns::pal_test::release_clock();
         ORV_NETB_DnsRegisterLogFunc(nullptr);
         ORV_NETB_DnsSetLogLevel(0); // the clean-up below is the harness's, not the test's
-        // Workers free their requests right after the callback returns, and
-        // the caches own their entries: empty them until the count settles.
+        // Workers free their requests after the callback; caches own entries: empty them until settled.
         if (ORV_NETB_DnsUnReachableIPClean != nullptr) {
             ORV_NETB_DnsUnReachableIPClean();
         }
-        long left = 0;
-        vekdns::test::wait_until(
-            [&] {
-                ORV_NETB_DnsCleanBuffer();
-                left = vekdns::pal_test::outstanding_blocks() - baseline_;
-                return left == 0;
-            },
-            std::chrono::seconds(5));
-        if (left != 0) {
+        const auto left = [this] {
+            return ORV_NETB_DnsCleanBuffer(), vekdns::pal_test::outstanding_blocks() - baseline_;
+        };
+        if (!vekdns::test::wait_until([&] { return left() == 0; }, std::chrono::seconds(5))) {
             char sites[4096];
             vekdns::pal_test::dump_outstanding(sites, sizeof(sites));
-            ADD_FAILURE() << left << " platform block(s) leaked by this test; allocated at:\n" << sites;
+            ADD_FAILURE() << left() << " platform block(s) leaked by this test; allocated at:\n" << sites;
             baseline_ = vekdns::pal_test::outstanding_blocks();
         }
         ORV_NETB_DnsSetLogLevel(5);
