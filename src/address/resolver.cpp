@@ -112,22 +112,6 @@ bool complete_name(char (&buf)[name_buffer_size], const char *name, size_t name_
     return true;
 }
 
-// Waits for the reply on sock at most timeout_sec seconds. The descriptor
-// set holds FD_SETSIZE descriptors only; a larger descriptor cannot be
-// waited on safely and counts as a failed wait.
-bool wait_readable(int32_t sock, uint32_t timeout_sec) {
-    if (sock >= FD_SETSIZE) {
-        return false;
-    }
-    fd_set readable;
-    FD_ZERO(&readable);
-    PAL_FD_SET(sock, &readable);
-    timeval timeout = {};
-    timeout.tv_sec = static_cast<time_t>(timeout_sec);
-    timeout.tv_usec = 0;
-    return vekdns::sys::select(sock + 1, &readable, nullptr, nullptr, &timeout) > 0;
-}
-
 } // namespace
 
 extern "C" {
@@ -266,7 +250,7 @@ VEK_DNS_API uint32_t DNS_Resolve(const DNS_HOSTNAME_S *pstHostName, DNS_IPADDR_S
             if (!sock.is_open() || result != DNS_OK) {
                 break; // this server cannot be asked: go on with the next one
             }
-            if (!wait_readable(sock.fd(), ulTimeOutSec)) {
+            if (!vekdns::detail::wait_readable(sock.fd(), ulTimeOutSec)) {
                 result = DNS_ERR_TIMEOUT;
                 sock.close();
                 continue;
