@@ -80,10 +80,13 @@ protected:
     void SetUp() override {
         ORV_NETB_DnsSetLogLevel(0);
         set_resolv_conf("nameserver 127.0.0.1\n");
-        srv.on_query([this](Q q) { return q.qtype == qtype::srv && srv_reply ? reply(srv_reply(q)) : srv.table_reply(q); });
+    }
+    // SRV questions get `f`'s reply, the others the table's (set under the
+    // server's lock: its thread reads the handler).
+    void use(std::function<msg(Q)> f) {
+        srv.on_query([this, f](Q q) { return q.qtype == qtype::srv ? reply(f(q)) : srv.table_reply(q); });
     }
     scripted_server srv{"127.0.0.1"};
-    std::function<msg(Q)> srv_reply;
 };
 
 TEST_F(Service, RepliesAreOrderedJoinedAndChecked) {
@@ -131,7 +134,7 @@ TEST_F(Service, RepliesAreOrderedJoinedAndChecked) {
     };
     for (const auto &row : rows) {
         ORV_NETB_DnsCleanBuffer();
-        srv_reply = row.build;
+        use(row.build);
         EXPECT_EQ(blocking("d"), row.want) << row.row;
     }
 }
@@ -139,7 +142,7 @@ TEST_F(Service, RepliesAreOrderedJoinedAndChecked) {
 TEST_F(Service, ServersAndSearchDomainsInOrder) {
     scripted_server second("127.0.0.2");
     set_resolv_conf("nameserver 127.0.0.1\nnameserver 127.0.0.2\nsearch a.example b.example\n");
-    srv_reply = [](Q q) { return msg::reply_to(q).rcode(rcode::nxdomain); };
+    use([](Q q) { return msg::reply_to(q).rcode(rcode::nxdomain); });
     EXPECT_EQ(blocking("corp"), "26040016");
     std::string asked;
     for (const auto *s : {&srv, &second}) {
@@ -155,7 +158,7 @@ TEST_F(Service, SilentServersAreRecordedSkippedAndCleaned) {
     scripted_server silent("127.0.0.2");
     silent.on_query([](Q) { return reply::silence(); });
     set_resolv_conf("nameserver 127.0.0.2\nnameserver 127.0.0.1\n");
-    srv_reply = [](Q q) { return msg::reply_to(q).answer_srv(q.qname, 1, 1, 9, "t", 60).additional_a("t", "10.0.0.1", 60); };
+    use([](Q q) { return msg::reply_to(q).answer_srv(q.qname, 1, 1, 9, "t", 60).additional_a("t", "10.0.0.1", 60); });
     EXPECT_EQ(async("ldap", "d", 1), "_ldap._udp.d 0 | t 1 1 9 10.0.0.1");
     EXPECT_EQ(std::string(g_dnsServer[0]), "") << "_ldap servers are never recorded";
     EXPECT_EQ(async("sip", "d", 1), "_sip._udp.d 0 | t 1 1 9 10.0.0.1");
@@ -175,10 +178,10 @@ TEST_F(Service, CacheAndCompletion) {
     srv.answer_a("multi", {"10.0.0.1", "10.0.0.2"});
     srv.answer_aaaa("multi", {"fd00::1"});
     srv.answer_a("v6only", {"10.0.0.6"});
-    srv_reply = [](Q q) { return msg::reply_to(q).answer_srv(q.qname, 1, 1, 1, "multi", 60)
+    use([](Q q) { return msg::reply_to(q).answer_srv(q.qname, 1, 1, 1, "multi", 60)
         .answer_srv(q.qname, 2, 1, 2, "gone", 60).answer_srv(q.qname, 3, 1, 3, "gone2", 60)
         .answer_srv(q.qname, 4, 1, 4, "192.0.2.7", 60).answer_srv(q.qname, 5, 1, 5, "v6only", 60)
-        .additional_aaaa("v6only", "fd00::6", 60); };
+        .additional_aaaa("v6only", "fd00::6", 60); });
     const std::string full = "0 | multi 1 1 1 10.0.0.1 | 192.0.2.7 4 1 4 192.0.2.7 | v6only 5 1 5 fd00::6"
                              " | multi 1 1 1 10.0.0.2 | multi 1 1 1 fd00::1 | v6only 5 1 5 10.0.0.6";
     // Runs are consecutive records of one target: the cached fd00::6 record
@@ -189,14 +192,14 @@ TEST_F(Service, CacheAndCompletion) {
     EXPECT_EQ(srv.query_count(), asked) << "no traffic: the addresses are cached too";
     ORV_NETB_DnsCleanBuffer();
     EXPECT_EQ(blocking("d", 5), "0 | multi 1 1 1 10.0.0.1 | 192.0.2.7 4 1 4 192.0.2.7 | v6only 5 1 5 fd00::6");
-    srv_reply = [](Q q) { return msg::reply_to(q).answer_srv(q.qname, 1, 1, 1, "gone", 60); };
+    use([](Q q) { return msg::reply_to(q).answer_srv(q.qname, 1, 1, 1, "gone", 60); });
     ORV_NETB_DnsCleanBuffer();
     EXPECT_EQ(async("sip", "d", 1), "_sip._udp.d 26040013");
 }
 
 TEST_F(Service, ArgumentsAndTextCall) {
-    srv_reply = [](Q q) { return msg::reply_to(q).answer_srv(q.qname, 1, 2, 3, "t", 60)
-        .answer_srv(q.qname, 4, 5, 6, "u", 60).additional_aaaa("t", "fd00::1", 60); };
+    use([](Q q) { return msg::reply_to(q).answer_srv(q.qname, 1, 2, 3, "t", 60)
+        .answer_srv(q.qname, 4, 5, 6, "u", 60).additional_aaaa("t", "fd00::1", 60); });
     srv.answer_a("u", {"10.1.2.3"});
     DNS_SRV_RR_STR_S text[2] = {};
     uint32_t n = 2;
@@ -221,8 +224,8 @@ TEST_F(Service, ArgumentsAndTextCall) {
 // fault: every call ends with a listed code or success, one callback, and no
 // block left behind.
 TEST_F(Service, FaultSweep) {
-    srv_reply = [](Q q) { return msg::reply_to(q).answer_srv(q.qname, 1, 1, 9, "t", 60).answer_srv(q.qname, 2, 1, 9, "u", 60)
-        .additional_a("t", "10.0.0.1", 60); };
+    use([](Q q) { return msg::reply_to(q).answer_srv(q.qname, 1, 1, 9, "t", 60).answer_srv(q.qname, 2, 1, 9, "u", 60)
+        .additional_a("t", "10.0.0.1", 60); });
     srv.answer_a("u", {"10.0.0.2"});
     const std::string ok = "0 | t 1 1 9 10.0.0.1 | u 2 1 9 10.0.0.2";
     const struct {
