@@ -18,6 +18,7 @@
 #include <chrono>
 #include <fcntl.h>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -60,6 +61,11 @@ std::vector<std::string> dnsmasq_records() {
         "--host-record=intranet.corp.interop,198.51.100.7",
         "--host-record=both.interop.test,192.0.2.50",
         "--host-record=both.interop.test.corp.interop,192.0.2.51",
+        "--srv-host=_sip._udp.interop.test,v4only.interop.test,5061,20,5",
+        "--srv-host=_sip._udp.interop.test,v6only.interop.test,5062,10,60",
+        "--srv-host=_sip._udp.interop.test,nohost.interop.test,5063,10,1",
+        "--srv-host=_sip._udp.interop.test,192.0.2.77,5064,30,1",
+        "--srv-host=_ldap._tcp.interop.test",
     };
     for (int i = 100; i < 140; ++i) { // 40 addresses: more than a 512-byte reply holds
         out.push_back("--host-record=many.interop.test,192.0.2." + std::to_string(i));
@@ -434,6 +440,30 @@ TEST_F(Dnsmasq, ConcurrentAsynchronousRequestsThenCacheHits) {
         EXPECT_EQ(r.calls.load(), 1);
         EXPECT_EQ(r.thread, std::this_thread::get_id());
         EXPECT_EQ(r.got, r.expected);
+    }
+}
+
+// ---- service records ---------------------------------------------------------------
+
+TEST_F(Dnsmasq, ServiceRecordsJoinedWithAddressesInOrder) {
+    const struct {
+        const char *service, *proto;
+        std::string want;
+    } rows[] = {
+        {"sip", "udp", "0 | v6only.interop.test 10 60 5062 2001:db8::66 | v4only.interop.test 20 5 5061 192.0.2.44"
+                       " | 192.0.2.77 30 1 5064 192.0.2.77"},
+        {"ldap", "tcp", "26040012"},
+    };
+    for (const auto &row : rows) {
+        DNS_SRV_RR_STR_S rr[10] = {};
+        uint32_t n = 10;
+        const uint32_t ret = vek_dns_get_srv_resolve_syn(row.service, row.proto, "interop.test", rr, &n);
+        std::string got = (std::stringstream() << std::hex << ret).str();
+        for (uint32_t i = 0; ret == 0 && i < n; ++i) {
+            got += std::string(" | ") + rr[i].szTarget + " " + std::to_string(rr[i].usPriority) + " " +
+                   std::to_string(rr[i].usWeight) + " " + std::to_string(rr[i].usPort) + " " + rr[i].acIpAddr;
+        }
+        EXPECT_EQ(got, row.want) << row.service;
     }
 }
 
