@@ -82,6 +82,13 @@ typedef struct {
     sem_t *pstLock;
 } DNS_SRV_RESULT_S;
 
+#ifdef __cplusplus
+#define VEK_DNS_LAYOUT(cond, what) static_assert(cond, what)
+#else
+#define VEK_DNS_LAYOUT(cond, what) _Static_assert(cond, what)
+#endif
+VEK_DNS_LAYOUT(sizeof(DNS_SRV_RR_S) == 296, "DNS_SRV_RR_S layout");
+
 /* ---- callbacks ---------------------------------------------------------- */
 typedef uint32_t (*DNS_IP_CALLBACK_PFN)(uint32_t ulRet, char *pszName, DNS_IPADDR_S *pstIpAddr,
                                         uint32_t ulIpNum, void *pUserData);
@@ -164,6 +171,67 @@ VEK_DNS_API void ORV_NETB_DnsCleanBuffer(void);
 
 /* ---- service calls ------------------------------------------------------ */
 /* (service resolution section) */
+/* Growable list of element pointers (starts with 10 slots, doubles). Slots
+ * 0 .. ulSize-1 are in use, in list order; the list owns its elements. */
+typedef struct {
+    void **ppElems;
+    uint32_t ulCapacity;
+    uint32_t ulSize;
+} DNS_LIST_S;
+
+/* One service record with its address as text. */
+typedef struct {
+    char szTarget[256];
+    uint16_t usPriority;
+    uint16_t usWeight;
+    uint32_t ulType;    /* DNS_IP_TYPE_IPV4 or DNS_IP_TYPE_IPV6 */
+    char acIpAddr[40];  /* dotted decimal or IPv6 text; 0.0.0.0 without address */
+    uint16_t usPort;
+} DNS_SRV_RR_STR_S;
+
+struct DNS_SRV_ASYN_TAG;
+/* Completion of an asynchronous service request: the request (its first
+ * field is the query name _service._proto.domain), the records (NULL on
+ * failure), their number, the caller's data and the result code. The request
+ * and the records are the library's and are freed when the function returns.
+ * Called exactly once per accepted request, always from a worker thread. */
+typedef uint32_t (*DNS_SRV_CALLBACK_PFN)(struct DNS_SRV_ASYN_TAG *pstSrvAsyn, DNS_SRV_RR_S *pstRR,
+                                         uint32_t ulRRCount, void *pUserData, uint32_t ulRet);
+
+/* One asynchronous service request, owned and freed by its worker. */
+typedef struct DNS_SRV_ASYN_TAG {
+    char szName[256]; /* query name */
+    DNS_SRV_CALLBACK_PFN pfnCallback;
+    uint32_t ulRRCount;    /* in: the caller's capacity; then the records found */
+    uint32_t ulTimeOutSec; /* per reply wait */
+    void *pUserData;
+} DNS_SRV_ASYN_S;
+
+/* Resolves _pszService._pszProto.pszDomain (service and protocol without
+ * their underscores): SRV records in priority/weight order, each joined with
+ * one address of its target, at most ulRRCount (and at most 10 from the
+ * network). 0: pfnCallback will be called exactly once; any other result:
+ * refused, pfnCallback is never called. ulTimeOutSec bounds each reply wait. */
+VEK_DNS_API uint32_t ORV_NETB_DnsGetSrvByAsynResolve(const char *pszService, const char *pszProto,
+                                                     const char *pszDomain, int32_t ulTimeOutSec,
+                                                     int32_t ulRRCount, DNS_SRV_CALLBACK_PFN pfnCallback,
+                                                     void *pUserData);
+/* Blocking form (3 seconds per reply wait). *pulRRCount: in the capacity of
+ * pstRR, out the number of records written (0 on failure). */
+VEK_DNS_API uint32_t ORV_NETB_DnsGetSrvBySynResolve(const char *pszService, const char *pszProto,
+                                                    const char *pszDomain, DNS_SRV_RR_S *pstRR,
+                                                    uint32_t *pulRRCount);
+/* Blocking form with the addresses as text; 1 for a bad count or when memory
+ * runs out, else as ORV_NETB_DnsGetSrvBySynResolve. */
+VEK_DNS_API uint32_t vek_dns_get_srv_resolve_syn(const char *pszService, const char *pszProto,
+                                                 const char *pszDomain, DNS_SRV_RR_STR_S *pstRRStr,
+                                                 uint32_t *pulRRCount);
+/* Forgets the name servers recorded as unreachable by service queries. */
+VEK_DNS_API uint32_t ORV_NETB_DnsUnReachableIPClean(void);
+
+VEK_DNS_LAYOUT(sizeof(DNS_LIST_S) == 16, "DNS_LIST_S layout");
+VEK_DNS_LAYOUT(sizeof(DNS_SRV_RR_STR_S) == 308, "DNS_SRV_RR_STR_S layout");
+VEK_DNS_LAYOUT(sizeof(DNS_SRV_ASYN_S) == 280, "DNS_SRV_ASYN_S layout");
 
 /* ---- configuration and caches ------------------------------------------ */
 /* (configuration section) */

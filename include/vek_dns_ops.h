@@ -205,6 +205,56 @@ VEK_DNS_API void DnsIPaddrPrint(const DNS_SERVER_S *pstServer);
 
 /* ---- service resolution --------------------------------------------------- */
 /* (service section) */
+/* Growable list: results 0, DNS_ERR_NO_MEMORY, DNS_ERR_LIST_EMPTY or
+ * DNS_ERR_LIST_INDEX. Uninit frees the elements still in the list. */
+VEK_DNS_API uint32_t DNS_ListInit(DNS_LIST_S *pstList);
+VEK_DNS_API uint32_t DNS_ListGetSize(const DNS_LIST_S *pstList);
+VEK_DNS_API uint32_t DNS_ListPush(DNS_LIST_S *pstList, void *pElem);
+VEK_DNS_API uint32_t DNS_ListPop(DNS_LIST_S *pstList, void **ppElem);
+VEK_DNS_API uint32_t DNS_ListGetElem(const DNS_LIST_S *pstList, uint32_t ulIndex, void **ppElem);
+VEK_DNS_API void *DNS_ListGetTop(const DNS_LIST_S *pstList);
+VEK_DNS_API uint32_t DNS_ListInsertAt(DNS_LIST_S *pstList, uint32_t ulIndex, void *pElem);
+VEK_DNS_API uint32_t DNS_ListRemoveAt(DNS_LIST_S *pstList, uint32_t ulIndex);
+VEK_DNS_API void DNS_ListUninit(DNS_LIST_S *pstList);
+
+/* Name servers whose reply wait ran out during a service query (8 texts,
+ * used entries first); a mutex guards the three operations. */
+#define DNS_SRV_UNREACHABLE_NUM 8
+#define DNS_SRV_IP_TEXT_SIZE 47
+extern VEK_DNS_API char g_dnsServer[DNS_SRV_UNREACHABLE_NUM][DNS_SRV_IP_TEXT_SIZE];
+/* 0 when pszIp (ulLen characters) is a prefix of a recorded entry, else 1. */
+VEK_DNS_API uint32_t DNS_SrvIPUnReachableJudge(const char *pszIp, uint32_t ulLen);
+/* Records the server, unless pszName (the service name) contains "_ldap". */
+VEK_DNS_API void Dns_SrvIPSet(const DNS_IPADDR_S *pstServer, const char *pszName);
+
+/* SRV questions: "_service._proto.domain", the flags word, the message. */
+VEK_DNS_API uint32_t DNS_SrvBuildName(const char *pszService, const char *pszProto, const char *pszDomain,
+                                      char *pszBuf, uint32_t ulBufSize);
+VEK_DNS_API uint32_t DNS_SrvBuildOptions(uint32_t ulQr, uint32_t ulOpcode, uint32_t ulAa, uint32_t ulTc,
+                                         uint32_t ulRd, uint32_t ulRa, uint16_t usZ, uint16_t usRcode);
+VEK_DNS_API uint32_t DNS_SrvBuildMsg(char *pszName, uint8_t *pMsg, uint32_t ulBufSize, uint16_t usId,
+                                     uint32_t *pulMsgLen);
+/* Sends on a fresh connected socket, stored in *plSocket (the caller's). */
+VEK_DNS_API uint32_t DNS_SrvMsgSend(const uint8_t *pMsg, uint32_t ulLen, const DNS_IPADDR_S *pstServer,
+                                    int32_t *plSocket);
+VEK_DNS_API uint32_t DNS_SrvMsgRecv(const int32_t *plSocket, uint8_t *pBuf, uint32_t ulBufSize,
+                                    uint32_t *pulLen);
+/* Receives and reads one SRV reply into pstList (DNS_SRV_RR_S elements, at
+ * most 10 in all); pulTtl (room for 10) is parallel to the list. */
+VEK_DNS_API uint32_t DNS_SrvRead(const int32_t *plSocket, uint8_t *pBuf, uint32_t ulBufSize,
+                                 uint32_t *pulCount, DNS_LIST_S *pstList, uint32_t *pulTtl);
+/* Every server and name variant; records accumulate in pstList. */
+VEK_DNS_API uint32_t DNS_SrvQuery(const char *pszName, uint32_t ulTimeOutSec, uint32_t *pulCount,
+                                  DNS_LIST_S *pstList, uint32_t *pulTtl);
+
+/* Target completion, in this order, in place on an array of ulCapacity. */
+VEK_DNS_API void DNS_SrvTargetIsIp(DNS_SRV_RR_S *pstRR, uint32_t ulCount);
+VEK_DNS_API void DNS_SrvNoIpGetIp(DNS_SRV_RR_S *pstRR, uint32_t *pulCount, uint32_t ulCapacity);
+VEK_DNS_API void DNS_SrvNoIpv4GetIp(DNS_SRV_RR_S *pstRR, uint32_t *pulCount, uint32_t ulCapacity);
+VEK_DNS_API void DNS_SrvNoIpRemoveTarget(DNS_SRV_RR_S *pstRR, uint32_t *pulCount, uint32_t ulCapacity);
+
+/* Worker body; pstSrvAsyn is a DNS_SRV_ASYN_S, freed before it returns. */
+VEK_DNS_API void *DNS_SrvAsynThread(void *pstSrvAsyn);
 
 #ifdef __cplusplus
 }

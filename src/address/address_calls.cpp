@@ -1,11 +1,7 @@
 // The exported address calls: asynchronous (memory cache first, else one
 // worker per request), blocking, and blocking with the addresses as text.
 #include "address/address_calls.h"
-
-#include <atomic>
-#include <cerrno>
-#include <ctime>
-#include <pthread.h>
+#include "base/worker_pool.h"
 
 #include "base/memory.h"
 #include "base/secure.h"
@@ -28,131 +24,9 @@ void log_secure_failure(errno_t err) {
 
 inline uint32_t min_u32(uint32_t a, uint32_t b) { return a < b ? a : b; }
 
-// ---- workers ------------------------------------------------------------------
-//
-// A worker thread runs one request, then parks for park_seconds waiting for
-// another one; when none comes, or enough workers are parked already, it ends.
-// The pool is a stack of parked workers under one mutex; a request is handed
-// over by writing it into the parked worker's slot and signalling it. Plain
-// pthread objects with static initialisers: nothing to destroy at exit while a
-// parked worker still waits on them.
+// ---- worker steps ----
 
-constexpr unsigned default_max_parked = 8;
-constexpr time_t park_seconds = 2;
-
-struct parked_worker {
-    pthread_cond_t wake;
-    DNS_ASYN_RESOLVE_S *req; // the next request, handed over under g_pool_mutex
-    bool quit;               // taken off the stack without a request: end
-    parked_worker *next;
-};
-
-pthread_mutex_t g_pool_mutex = PTHREAD_MUTEX_INITIALIZER;
-parked_worker *g_parked = nullptr; // guarded by g_pool_mutex
-unsigned g_parked_count = 0;       // guarded by g_pool_mutex
-unsigned g_max_parked = default_max_parked; // guarded by g_pool_mutex
-std::atomic<unsigned> g_in_flight{0};
-pthread_once_t g_fork_once = PTHREAD_ONCE_INIT;
-
-// A child process has none of the parent's workers: forget them there.
-void pool_prepare_fork() { (void)pthread_mutex_lock(&g_pool_mutex); }
-void pool_parent_fork() { (void)pthread_mutex_unlock(&g_pool_mutex); }
-void pool_child_fork() {
-    g_parked = nullptr;
-    g_parked_count = 0;
-    g_in_flight.store(0, std::memory_order_relaxed);
-    (void)pthread_mutex_unlock(&g_pool_mutex);
-}
-void register_fork_handlers() { (void)pthread_atfork(pool_prepare_fork, pool_parent_fork, pool_child_fork); }
-
-// Removes `w` from the stack (called with the mutex held).
-void unlink_parked(parked_worker *w) {
-    for (parked_worker **pp = &g_parked; *pp != nullptr; pp = &(*pp)->next) {
-        if (*pp == w) {
-            *pp = w->next;
-            g_parked_count--;
-            return;
-        }
-    }
-}
-
-// Parks the calling worker; returns its next request, or null to end.
-DNS_ASYN_RESOLVE_S *park(parked_worker *self) {
-    (void)pthread_mutex_lock(&g_pool_mutex);
-    if (g_parked_count >= g_max_parked) {
-        (void)pthread_mutex_unlock(&g_pool_mutex);
-        return nullptr;
-    }
-    self->req = nullptr;
-    self->quit = false;
-    self->next = g_parked;
-    g_parked = self;
-    g_parked_count++;
-
-    timespec deadline{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_sec += park_seconds;
-    while (self->req == nullptr && !self->quit) {
-        int rc = pthread_cond_timedwait(&self->wake, &g_pool_mutex, &deadline);
-        if (rc == ETIMEDOUT && self->req == nullptr && !self->quit) {
-            unlink_parked(self);
-            break;
-        }
-    }
-    DNS_ASYN_RESOLVE_S *req = self->req;
-    (void)pthread_mutex_unlock(&g_pool_mutex);
-    return req;
-}
-
-void *worker_main(void *arg) {
-    parked_worker self{};
-    pthread_condattr_t attr;
-    (void)pthread_condattr_init(&attr);
-    (void)pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
-    (void)pthread_cond_init(&self.wake, &attr);
-    (void)pthread_condattr_destroy(&attr);
-
-    auto *req = static_cast<DNS_ASYN_RESOLVE_S *>(arg);
-    while (req != nullptr) {
-        (void)DNS_AsynResolveThread(req);
-        g_in_flight.fetch_sub(1, std::memory_order_acq_rel);
-        req = park(&self);
-    }
-    // park() gave null: `self` is on no list any more (it timed out and took
-    // itself off, was taken off to quit, or was never put on).
-    (void)pthread_cond_destroy(&self.wake);
-    return nullptr; // NOLINT(clang-analyzer-core.StackAddressEscape)
-}
-
-// Hands the request to a parked worker, or starts a new detached one.
-// False when no thread could be had: the request is then still the caller's.
-bool start_worker(DNS_ASYN_RESOLVE_S *req) {
-    (void)pthread_once(&g_fork_once, register_fork_handlers);
-    g_in_flight.fetch_add(1, std::memory_order_acq_rel);
-
-    (void)pthread_mutex_lock(&g_pool_mutex);
-    parked_worker *w = g_parked;
-    if (w != nullptr) {
-        g_parked = w->next;
-        g_parked_count--;
-        w->req = req;
-        (void)pthread_cond_signal(&w->wake);
-    }
-    (void)pthread_mutex_unlock(&g_pool_mutex);
-    if (w != nullptr) {
-        return true;
-    }
-
-    pthread_t thread;
-    if (PAL_PthreadCreate(&thread, nullptr, worker_main, req) != 0) {
-        g_in_flight.fetch_sub(1, std::memory_order_acq_rel);
-        return false;
-    }
-    (void)PAL_PthreadDetach(thread);
-    return true;
-}
-
-// ---- worker steps -------------------------------------------------------------
+void run_request(void *req) { (void)DNS_AsynResolveThread(req); }
 
 void free_request(DNS_ASYN_RESOLVE_S *req) {
     if (req->stHostName.pszName != nullptr) {
@@ -243,39 +117,6 @@ inline uint32_t delivered(const DNS_RESULT_S &res) {
 }
 
 } // namespace
-
-namespace vekdns::detail {
-
-void set_worker_reuse(unsigned max_parked) {
-    (void)pthread_mutex_lock(&g_pool_mutex);
-    g_max_parked = max_parked;
-    while (g_parked_count > g_max_parked) {
-        parked_worker *w = g_parked;
-        g_parked = w->next;
-        g_parked_count--;
-        w->quit = true;
-        (void)pthread_cond_signal(&w->wake);
-    }
-    (void)pthread_mutex_unlock(&g_pool_mutex);
-}
-
-unsigned worker_reuse() {
-    (void)pthread_mutex_lock(&g_pool_mutex);
-    unsigned n = g_max_parked;
-    (void)pthread_mutex_unlock(&g_pool_mutex);
-    return n;
-}
-
-unsigned parked_workers() {
-    (void)pthread_mutex_lock(&g_pool_mutex);
-    unsigned n = g_parked_count;
-    (void)pthread_mutex_unlock(&g_pool_mutex);
-    return n;
-}
-
-unsigned requests_in_flight() { return g_in_flight.load(std::memory_order_acquire); }
-
-} // namespace vekdns::detail
 
 extern "C" {
 
@@ -378,7 +219,7 @@ VEK_DNS_API uint32_t ORV_NETB_DnsGetIpByAsynResolve(const char *pszHostName, uin
     log_secure_failure(memcpy_s(req->astIpAddr, sizeof(req->astIpAddr), main_list,
                                 sizeof(DNS_IPADDR_S) * req->ulIpNum));
 
-    if (!start_worker(req)) {
+    if (!vekdns::detail::start_worker(run_request, req)) {
         free_request(req);
         DNS_LOG(2, "create thread failed!\r\n");
         return DNS_ERR_CREATE_THREAD;

@@ -5,6 +5,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 
 #include "address/transport.h"
@@ -12,6 +13,7 @@
 #include "base/memory.h"
 #include "base/secure.h"
 #include "base/sys.h"
+#include "base/wire_cursor.h"
 #include "vek_dns_ops.h"
 #include "vek_os_adapter.h"
 
@@ -19,8 +21,6 @@ namespace {
 
 constexpr uint16_t dns_port = 53;
 constexpr size_t header_size = 12;
-constexpr size_t question_tail = 4;  // QTYPE, QCLASS
-constexpr size_t answer_fixed = 10;  // TYPE, CLASS, TTL, RDLENGTH
 constexpr uint16_t flags_rd = 0x0100; // recursion desired, nothing else
 constexpr uint16_t qtype_a = 1;
 constexpr uint16_t qtype_aaaa = 28;
@@ -62,20 +62,6 @@ uint8_t *encode_name(uint8_t *out, const uint8_t *out_end, const char *name, siz
     return out;
 }
 
-// Steps over the name at *off; false when it runs past the reply.
-bool skip_name(std::span<const uint8_t> reply, size_t *off) {
-    if (*off >= reply.size()) {
-        return false;
-    }
-    const uint8_t *behind =
-        DNS_ParseRecord(reply.data() + *off, static_cast<uint32_t>(reply.size() - *off));
-    if (behind == nullptr) {
-        return false;
-    }
-    *off = static_cast<size_t>(behind - reply.data());
-    return true;
-}
-
 } // namespace
 
 namespace vekdns::detail {
@@ -89,56 +75,55 @@ uint32_t take_reply(std::span<const uint8_t> reply, DNS_IPADDR_S *addrs, uint32_
     if (found == capacity) {
         return found != 0 ? 0 : 1;
     }
-    const uint8_t *msg = reply.data();
-    const size_t len = reply.size();
     // A reply too short for a header is rejected like a bad header.
-    if (len < header_size || (msg[2] & 0x80) == 0 || (msg[3] & 0x0F) != 0 ||
-        DNS_Build2Bytes(msg + 6) == 0) {
+    if (reply.size() < wire::header_size || !wire::is_response(reply) || wire::rcode(reply) != 0 ||
+        wire::ancount(reply) == 0) {
         DNS_LOG(2, "parse head failed!\r\n");
         return 1;
     }
-    const uint32_t questions = DNS_Build2Bytes(msg + 4);
-    const uint32_t answers = DNS_Build2Bytes(msg + 6);
-
-    // Counts are never trusted: every step is checked against the bytes that
-    // remain, so a lying count ends the walk at the end of the datagram.
-    size_t off = header_size;
-    for (uint32_t i = 0; i < questions; ++i) {
-        if (!skip_name(reply, &off) || len - off < question_tail) {
-            return 1;
-        }
-        off += question_tail;
+    // Counts are never trusted: the cursor checks every step against the
+    // bytes that remain, so a lying count ends the walk at the datagram's end.
+    wire::cursor c(reply, wire::header_size);
+    if (!wire::skip_questions(c, wire::qdcount(reply))) {
+        return 1;
     }
-    for (uint32_t i = 0; i < answers && found < capacity; ++i) {
-        if (!skip_name(reply, &off) || len - off < answer_fixed) {
-            return 1;
-        }
-        const uint16_t type = DNS_Build2Bytes(msg + off);
+    const wire::walk_end end = wire::walk_records(c, wire::ancount(reply), [&](const wire::record &r) {
         // The TTL slot of the next address is rewritten by every answer
         // until an address is taken.
-        ttls[found] = DNS_Build4Bytes(msg + off + 4);
-        const size_t data_len = DNS_Build2Bytes(msg + off + 8);
-        off += answer_fixed;
-        if (len - off < data_len) {
-            return 1; // the data runs past the datagram
-        }
+        ttls[found] = r.ttl;
         DNS_IPADDR_S *entry = &addrs[found];
-        if (type == qtype_a && data_len == 4) {
+        if (r.type == wire::type_a && r.data.size() == 4) {
             std::memset(entry, 0, sizeof(*entry));
             entry->ulType = DNS_IP_TYPE_IPV4;
-            std::memcpy(&entry->unIpAddr.ulIpv4, msg + off, 4);
+            std::memcpy(&entry->unIpAddr.ulIpv4, r.data.data(), 4);
             ++found;
-        } else if (type == qtype_aaaa && data_len == sizeof(entry->unIpAddr.aucIpv6)) {
+        } else if (r.type == wire::type_aaaa && r.data.size() == sizeof(entry->unIpAddr.aucIpv6)) {
             // AAAA data of any other length is not an IPv6 address: it is
             // stepped over like any other record, and nothing is counted.
             entry->ulType = DNS_IP_TYPE_IPV6;
-            std::memcpy(entry->unIpAddr.aucIpv6, msg + off, data_len);
+            std::memcpy(entry->unIpAddr.aucIpv6, r.data.data(), r.data.size());
             ++found;
         }
-        off += data_len;
+        return found < capacity;
+    });
+    if (end == wire::walk_end::cut_header || end == wire::walk_end::cut_data) {
+        return 1;
     }
     *count = found;
     return found != 0 ? 0 : 1;
+}
+
+bool wait_readable(int32_t sock, uint32_t timeout_sec) {
+    if (sock < 0 || sock >= FD_SETSIZE) {
+        return false;
+    }
+    fd_set readable;
+    FD_ZERO(&readable);
+    PAL_FD_SET(sock, &readable);
+    timeval timeout = {};
+    timeout.tv_sec = static_cast<time_t>(timeout_sec);
+    timeout.tv_usec = 0;
+    return vekdns::sys::select(sock + 1, &readable, nullptr, nullptr, &timeout) > 0;
 }
 
 } // namespace vekdns::detail

@@ -12,6 +12,11 @@ _Static_assert(sizeof(DNS_IPADDR_S) == 24 && offsetof(DNS_IPADDR_S, unIpAddr) ==
 _Static_assert(sizeof(DNS_SRV_RR_S) == 296 && offsetof(DNS_SRV_RR_S, stAddr) == 264 &&
                    offsetof(DNS_SRV_RR_S, usPort) == 288,
                "DNS_SRV_RR_S layout");
+_Static_assert(offsetof(DNS_LIST_S, ulSize) == 12, "DNS_LIST_S layout");
+_Static_assert(offsetof(DNS_SRV_RR_STR_S, ulType) == 260 && offsetof(DNS_SRV_RR_STR_S, usPort) == 304,
+               "DNS_SRV_RR_STR_S layout");
+_Static_assert(offsetof(DNS_SRV_ASYN_S, pfnCallback) == 256 && offsetof(DNS_SRV_ASYN_S, pUserData) == 272,
+               "DNS_SRV_ASYN_S layout");
 
 static int g_lines;
 static void sink(const char *line) {

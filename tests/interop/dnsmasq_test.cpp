@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <atomic>
 #include <string>
 #include <vector>
@@ -50,8 +51,17 @@ protected:
             "--host-record=www.interop.test,192.0.2.11,2001:db8::11 "
             "--host-record=v4only.interop.test,192.0.2.44 "
             "--cname=alias.interop.test,www.interop.test "
-            "--host-record=intranet.corp.interop,198.51.100.7";
+            "--host-record=intranet.corp.interop,198.51.100.7 "
+            "--host-record=v6only.interop.test,2001:db8::66 "
+            "--srv-host=_sip._udp.interop.test,v4only.interop.test,5061,20,5 "
+            "--srv-host=_sip._udp.interop.test,v6only.interop.test,5062,10,60 "
+            "--srv-host=_sip._udp.interop.test,nohost.interop.test,5063,10,1 "
+            "--srv-host=_sip._udp.interop.test,192.0.2.77,5064,30,1 "
+            "--srv-host=_ldap._tcp.interop.test";
         std::vector<std::string> words{"/usr/sbin/dnsmasq"};
+        for (int i = 100; i < 140; ++i) { // 40 addresses: more than a 512-byte reply holds
+            words.push_back("--host-record=many.interop.test,192.0.2." + std::to_string(i));
+        }
         for (size_t at = 0, end; at < args.size(); at = end + 1) {
             end = std::min(args.find(' ', at), args.size());
             words.push_back(args.substr(at, end - at));
@@ -135,6 +145,40 @@ TEST_F(Dnsmasq, ConcurrentRequestsThenCacheHits) {
     }
     ASSERT_TRUE(wait_until([&] { return counts[0] == 32 && vekdns::detail::requests_in_flight() == 0; }));
     EXPECT_EQ(counts[1].load(), 32);
+}
+
+TEST_F(Dnsmasq, TruncatedReplyAskedAgainOverTcp) {
+    static std::atomic<int> retried, failed;
+    ORV_NETB_DnsRegisterLogFunc([](const char *line) {
+        retried += std::strstr(line, "retry over TCP lFdSock") != nullptr;
+        failed += std::strstr(line, "retry over TCP failed") != nullptr;
+    });
+    set_resolv_conf("nameserver 127.0.0.1\n");
+    const std::string got = resolve("many.interop.test", 0);
+    EXPECT_EQ(std::count(got.begin(), got.end(), ' ') + 10 * retried + 100 * failed, 20) << got;
+}
+
+TEST_F(Dnsmasq, ServiceRecordsJoinedWithAddressesInOrder) {
+    set_resolv_conf("nameserver 127.0.0.1\n");
+    const struct {
+        const char *service, *proto, *want;
+    } rows[] = {
+        {"sip", "udp", "0 | v6only.interop.test 10 60 5062 2001:db8::66 | v4only.interop.test 20 5 5061 192.0.2.44"
+                       " | 192.0.2.77 30 1 5064 192.0.2.77"},
+        {"ldap", "tcp", "26040012"},
+    };
+    for (const auto &row : rows) {
+        DNS_SRV_RR_STR_S rr[10] = {};
+        uint32_t n = 10;
+        const uint32_t ret = vek_dns_get_srv_resolve_syn(row.service, row.proto, "interop.test", rr, &n);
+        char got[2048];
+        int at = snprintf(got, sizeof got, "%x", ret);
+        for (uint32_t i = 0; ret == 0 && i < n; ++i) {
+            at += snprintf(got + at, sizeof got - at, " | %s %u %u %u %s", rr[i].szTarget, rr[i].usPriority,
+                           rr[i].usWeight, rr[i].usPort, rr[i].acIpAddr);
+        }
+        EXPECT_STREQ(got, row.want) << row.service;
+    }
 }
 
 } // namespace

@@ -99,6 +99,11 @@ msg &msg::additional_aaaa(const std::string &name, const std::string &ip, uint32
     return *this;
 }
 
+msg &msg::additional_raw(const std::string &name, uint16_t type, uint32_t ttl, test::bytes rdata) {
+    additional_.push_back({name, type, ttl, std::move(rdata), ""});
+    return *this;
+}
+
 test::bytes msg::name(const std::string &n, bool may_point) const {
     if (may_point && compress_ && question_ && n == qname_) {
         return {0xC0, 12};
@@ -134,12 +139,13 @@ test::bytes msg::bytes() const {
     for (const record &r : additional_) {
         records(out, r);
     }
+    out.insert(out.end(), trailing_.begin(), trailing_.end());
     return out;
 }
 
 void msg::records(test::bytes &out, const record &r) const {
     const test::bytes owner = name(r.name),
-                      target = r.rdata_name.empty() ? test::bytes{} : name(r.rdata_name);
+                      target = r.type == qtype::cname || r.type == qtype::srv ? name(r.rdata_name) : test::bytes{};
     test::bytes data = r.rdata;
     data.insert(data.end(), target.begin(), target.end());
     out.insert(out.end(), owner.begin(), owner.end());

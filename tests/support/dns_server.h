@@ -18,7 +18,7 @@ namespace vekdns::test {
 
 using bytes = std::vector<uint8_t>;
 namespace qtype {
-constexpr uint16_t a = 1, cname = 5, aaaa = 28, srv = 33;
+constexpr uint16_t a = 1, cname = 5, txt = 16, aaaa = 28, srv = 33, opt = 41;
 }
 
 struct parsed_query {
@@ -48,6 +48,8 @@ public:
                     const std::string &target, uint32_t ttl);
     msg &additional_a(const std::string &name, const std::string &ip, uint32_t ttl);
     msg &additional_aaaa(const std::string &name, const std::string &ip, uint32_t ttl);
+    msg &additional_raw(const std::string &name, uint16_t type, uint32_t ttl, test::bytes rdata);
+    msg &trailing(test::bytes raw) { return set(trailing_, std::move(raw)); } // after the records
     test::bytes bytes() const;
 
 private:
@@ -69,6 +71,7 @@ private:
     bool question_ = false, compress_ = false;
     int an_ = -1;
     std::vector<record> answers_, additional_;
+    test::bytes trailing_;
 };
 
 // Datagrams sent in order (none: silence), after an optional delay that does
