@@ -46,9 +46,7 @@ exec unshare --mount --net --propagation private -- bash -euo pipefail -c '
   step "a name the server does not know" "vekdns lookup nothere.demo.test"
   step "the second look-up is answered from the memory cache" \
     "vekdns lookup --async -4 www.demo.test www.demo.test"
-  if vekdns srv --help >/dev/null 2>&1; then
-    step "SRV records in order, each joined with its address" "vekdns srv sip udp demo.test"
-  fi
+  step "SRV records in order, each joined with its address" "vekdns srv sip udp demo.test"
   step "masking a call identifier for a log line" "vekdns mask \"sip:alice@192.0.2.10;tag=9\""
   step "JSON for scripts" "vekdns --json lookup -4 www.demo.test"
   step "name servers of /etc/resolv.conf" "vekdns servers"

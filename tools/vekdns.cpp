@@ -186,22 +186,6 @@ const CLI::Validator address_literal(
     },
     "ADDR");
 
-#ifndef VEKDNS_HAVE_SRV
-// Built against a library without the service calls: 'srv' says so, and
-// (having no help of its own) so does 'srv --help'.
-void add_srv(CLI::App &app, output &, runner &run) {
-    auto *cmd = app.add_subcommand("srv", "Look up a service (not available in this build)");
-    cmd->set_help_flag();
-    cmd->allow_extras();
-    cmd->callback([&run] {
-        run = [] {
-            std::fprintf(stderr, "srv: service lookups are not available in this build\n");
-            return static_cast<int>(exit_failure);
-        };
-    });
-}
-#endif
-
 } // namespace vekdns::cli
 
 int main(int argc, char **argv) {

@@ -57,11 +57,7 @@ TEST_F(vekdns_tool, SubcommandsExitCodesAndUsageErrors) {
         {"filecache get a g.test", "exit 1\ng.test: not found: DNS_ERR_NOT_FOUND (0x26040020)\n"},
         {"mask 10.1.2.3", "exit 0\n10.**.**.3\n"},
         {"servers set 127.0.0.1 ::1", "exit 0\nnameserver 1: 127.0.0.1\nnameserver 2: ::1\n"},
-#ifdef VEKDNS_HAVE_SRV
         {"srv _sip udp s.test", "exit 0\n_sip._udp.s.test priority 1 weight 5 port 5060 target sip1.s.test address 192.0.2.5\n"},
-#else
-        {"srv sip udp s.test", "exit 3\nsrv: service lookups are not available in this build\n"},
-#endif
         {"servers set 10.1", "exit 2\nADDR: not an IPv4 or IPv6 address: 10.1" + help},
         {"filecache set aaaa f.test 192.0.2.9", "exit 2\nADDR: not an IPv6 address: 192.0.2.9" + help},
         {"--log-level 9 version", "exit 2\n--log-level: Value 9 not in range 0 to 6" + help},
