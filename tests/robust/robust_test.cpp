@@ -8,6 +8,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -136,6 +137,30 @@ std::string waiter_of_dead_holder() {
     return unlinked + (woke ? "woke " : "stuck ") + result;
 }
 
+// A rewrite's temporary name is "<base>.<pid>.<n>": one rewrite shows n (its
+// creation watched), a link is planted at n + 1, and the next rewrite must not
+// follow it.
+std::string link_at_next_temp_name() {
+    const int watch = inotify_init1(IN_CLOEXEC);
+    inotify_add_watch(watch, "/var", IN_CREATE);
+    set_server(1);
+    alignas(inotify_event) char buf[4096];
+    std::string name;
+    for (ssize_t n = read(watch, buf, sizeof(buf)), at = 0; name.empty() && at < n;) {
+        const auto *ev = reinterpret_cast<const inotify_event *>(buf + at);
+        name = std::string(ev->name).rfind("dnsresolv.tmp.", 0) == 0 ? ev->name : "";
+        at += sizeof(inotify_event) + ev->len;
+    }
+    close(watch);
+    const size_t dot = name.rfind('.') + 1;
+    const std::string link = "/var/" + name.substr(0, dot) + to_string(std::stoul(name.substr(dot)) + 1);
+    const char *const victim = "/var/orvdnsvictim";
+    (void)!symlink(victim, link.c_str()), write_file(victim, "keep");
+    const std::string out = cat({set_server(2), read_file(resolv), read_file(victim)});
+    unlink(link.c_str()), unlink(victim);
+    return out;
+}
+
 TEST(Robust, EveryFaultLeavesWholeFilesAndLiveProcesses) {
     ORV_NETB_DnsSetLogLevel(0);
     const std::tuple<const char *, std::function<std::string()>, std::string> rows[] = {
@@ -226,15 +251,7 @@ TEST(Robust, EveryFaultLeavesWholeFilesAndLiveProcesses) {
                  {code, to_string(rec.ulDnsServers), " servers ", to_string(calls(op::alloc) - before)});
          },
          "0 40000 servers 15"},
-        {"a link planted at the temporary name",
-         [] {
-             const char *const link = "/var/dnsresolv.tmp", *const victim = "/var/orvdnsvictim";
-             (void)!symlink(victim, link), write_file(victim, "keep");
-             const std::string out = cat({set_server(2), read_file(resolv), read_file(victim)});
-             unlink(link), unlink(victim);
-             return out;
-         },
-         "0 " + conf(2) + "keep"},
+        {"a link planted at the name the next rewrite takes", link_at_next_temp_name, "0 " + conf(2) + "keep"},
         {"the semaphore of one user (umask 022), opened by another",
          [] {
              const std::string mode = in_child([] {
