@@ -19,9 +19,9 @@ set -uo pipefail
 
 faults=$(cat <<'EOF'
 base/copy-ignores-write-error @@ src/base/file_copy.cpp @@ if (PAL_Fputs(line, dst) == -1) { @@ if (PAL_Fputs(line, dst) == -2) {
-base/sem-not-created @@ src/base/locks.cpp @@ constexpr int sem_create_flag = 64; @@ constexpr int sem_create_flag = 0;
+base/sem-not-created @@ src/base/locks.cpp @@ constexpr int sem_create_flag = O_CREAT; @@ constexpr int sem_create_flag = 0;
 base/log-level-off-by-one @@ src/base/log.cpp @@ __ATOMIC_RELAXED) < ulLevel @@ __ATOMIC_RELAXED) <= ulLevel
-base/log-stdout-format @@ src/base/log.cpp @@ "%s \r\n", buffer @@ "%s\r\n", buffer
+base/log-stdout-format @@ src/base/log.cpp @@ print_to_stdout(buffer, " \r\n"); @@ print_to_stdout(buffer, "\r\n");
 base/section-skips-post @@ src/base/sem_guard.h @@ (void)DNS_SemPost(&handle_); @@ /* no post */
 base/version-cut-wrong @@ src/base/log.cpp @@ version_text, ulSize - 1); @@ version_text, ulSize);
 pal/fail-nth-off-by-one @@ src/os_adapter/test_hooks.cpp @@ call >= first && call <= last @@ call > first && call <= last
@@ -33,9 +33,9 @@ config/server-keeps-cr @@ src/config/discovery.cpp @@ std::strchr(text, '\r'); @
 config/delete-first-wrong-index @@ src/config/server_config.cpp @@ second_index = 1; @@ second_index = 2;
 config/append-without-line-feed @@ src/config/server_config.cpp @@ "\nnameserver %s\n" @@ "nameserver %s\n"
 config/get-cache-one-line @@ src/config/cache_params.cpp @@ examined <= 2; @@ examined < 2;
-address/rcode-mask @@ src/address/wire.cpp @@ (msg[3] & 0x0F) != 0 @@ (msg[3] & 0x07) != 0
-address/rdata-bound-off-by-one @@ src/address/wire.cpp @@ if (len - off < data_len) { @@ if (len - off + 4 < data_len) {
-address/ttl-wrong-field @@ src/address/wire.cpp @@ DNS_Build4Bytes(msg + off + 4); @@ DNS_Build4Bytes(msg + off + 2);
+address/rcode-mask @@ src/base/wire_cursor.h @@ return m[3] & 0x0F; @@ return m[3] & 0x07;
+address/rdata-bound-off-by-one @@ src/base/wire_cursor.h @@ bool sub(std::size_t n, std::span<const uint8_t> *out) {<NL>        if (left() < n) { @@ bool sub(std::size_t n, std::span<const uint8_t> *out) {<NL>        if (left() + 1 < n) {
+address/ttl-wrong-field @@ src/address/wire.cpp @@ ttls[found] = r.ttl; @@ ttls[found] = r.cls;
 address/literal-length-15 @@ src/address/resolver.cpp @@ max_ipv4_literal_len = 16; @@ max_ipv4_literal_len = 15;
 address/suffix-length-off-by-one @@ src/address/resolver.cpp @@ name_len + suffix_len + 1 > max_name_len @@ name_len + suffix_len + 1 >= max_name_len
 address/suffix-order-reversed @@ src/address/resolver.cpp @@ rec->apszSearchDomain[d - 1]; @@ rec->apszSearchDomain[d == 1 ? 1 : d == 2 ? 0 : d - 1];
@@ -51,12 +51,17 @@ cache/file-ipv6-append-format @@ src/cache/address_file_cache.cpp @@ "%s %s %u %
 cache/file-drops-one-less @@ src/cache/address_file_cache.cpp @@ lines - max_number : 0; @@ lines - max_number - 1 : 0;
 cache/srv-expiry-ge @@ src/cache/service_file_cache.cpp @@ if (age > limit) { @@ if (age >= limit) {
 cache/srv-record-format @@ src/cache/service_file_cache.cpp @@ "tn: %s %u %u %u %u %s %u \n" @@ "tn: %s %u %u %u %u %s %u\n"
-cache/temp-file-left @@ src/cache/text_file.h @@ (void)PAL_Remove(path_); @@ /* kept */
-cache/oldest-is-last @@ src/cache/text_file.h @@ if (value < smallest) { @@ if (value <= smallest) {
+cache/temp-file-left @@ src/base/text_file.cpp @@ (void)PAL_Remove(path_);<NL>        created_ = false; @@ created_ = false;
+cache/oldest-is-last @@ src/base/text_file.h @@ if (value < smallest) { @@ if (value <= smallest) {
 mask/ipv4-wrong-part @@ src/mask/address_mask.cpp @@ kIpv4Hidden, kIpv4Hidden,<NL>                  acParts[3]) @@ kIpv4Hidden, kIpv4Hidden,<NL>                  acParts[2])
 mask/ipv4-length-16 @@ src/mask/address_mask.cpp @@ constexpr size_t kMaxIpv4Len = 15; @@ constexpr size_t kMaxIpv4Len = 16;
 mask/url-slash-first @@ src/mask/url_mask.cpp @@ pszSlash != nullptr && pszSlash != apszParts[3] @@ pszSlash != nullptr
 mask/callid-no-dot @@ src/mask/url_mask.cpp @@ c == ':' || c == '.'; @@ c == ':';
+service/weight-order-flipped @@ src/service/srv_reply.cpp @@ answer->usWeight >= e->usWeight @@ answer->usWeight <= e->usWeight
+service/pointer-may-point-forward @@ src/service/srv_reply.cpp @@ if (target >= stretch) { @@ if (target > msg.size()) {
+service/ldap-recorded @@ src/service/unreachable_table.cpp @@ PAL_StrStr(pszName, "_ldap") != nullptr @@ PAL_StrStr(pszName, "_ldapx") != nullptr
+service/root-alone-accepted @@ src/service/srv_reply.cpp @@ return DNS_ERR_SRV_NOT_OFFERED; @@ (void)0;
+service/copy-past-capacity @@ src/service/service_calls.cpp @@ const uint32_t n = size < capacity_ ? size : capacity_; @@ const uint32_t n = size < capacity_ ? size : capacity_ + 1;
 EOF
 )
 
