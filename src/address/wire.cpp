@@ -113,19 +113,6 @@ uint32_t take_reply(std::span<const uint8_t> reply, DNS_IPADDR_S *addrs, uint32_
     return found != 0 ? 0 : 1;
 }
 
-bool wait_readable(int32_t sock, uint32_t timeout_sec) {
-    if (sock < 0 || sock >= FD_SETSIZE) {
-        return false;
-    }
-    fd_set readable;
-    FD_ZERO(&readable);
-    PAL_FD_SET(sock, &readable);
-    timeval timeout = {};
-    timeout.tv_sec = static_cast<time_t>(timeout_sec);
-    timeout.tv_usec = 0;
-    return vekdns::sys::select(sock + 1, &readable, nullptr, nullptr, &timeout) > 0;
-}
-
 } // namespace vekdns::detail
 
 extern "C" {

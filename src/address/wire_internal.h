@@ -27,9 +27,4 @@ uint32_t send_question(char *pszName, uint32_t ulNameLen, const DNS_IPADDR_S *ps
 uint32_t take_reply(std::span<const uint8_t> reply, DNS_IPADDR_S *addrs, uint32_t *count,
                     uint32_t capacity, uint32_t *ttls);
 
-// Waits until the connected query socket `sock` is readable, at most
-// timeout_sec seconds (0: a poll). False when the wait ran out or failed. The
-// address and the service queries both wait through here.
-bool wait_readable(int32_t sock, uint32_t timeout_sec);
-
 } // namespace vekdns::detail

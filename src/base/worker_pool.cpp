@@ -41,6 +41,9 @@ parked_worker *g_parked = nullptr; // guarded by g_pool_mutex
 unsigned g_parked_count = 0;       // guarded by g_pool_mutex
 unsigned g_max_parked = default_max_parked; // guarded by g_pool_mutex
 std::atomic<unsigned> g_in_flight{0};
+bool g_stopping = false;              // guarded by g_pool_mutex: no more parking
+unsigned g_leaving = 0;               // guarded by g_pool_mutex: told to quit, not yet out
+pthread_cond_t g_left = PTHREAD_COND_INITIALIZER;
 pthread_once_t g_fork_once = PTHREAD_ONCE_INIT;
 
 // A child process has none of the parent's workers: forget them there.
@@ -49,6 +52,7 @@ void pool_parent_fork() { (void)pthread_mutex_unlock(&g_pool_mutex); }
 void pool_child_fork() {
     g_parked = nullptr;
     g_parked_count = 0;
+    g_leaving = 0;
     g_in_flight.store(0, std::memory_order_relaxed);
     (void)pthread_mutex_unlock(&g_pool_mutex);
 }
@@ -68,7 +72,7 @@ void unlink_parked(parked_worker *w) {
 // Parks the calling worker; false to end, else its next job is in *self.
 bool park(parked_worker *self) {
     (void)pthread_mutex_lock(&g_pool_mutex);
-    if (g_parked_count >= g_max_parked) {
+    if (g_stopping || g_parked_count >= g_max_parked) {
         (void)pthread_mutex_unlock(&g_pool_mutex);
         return false;
     }
@@ -89,6 +93,9 @@ bool park(parked_worker *self) {
         }
     }
     const bool got = self->job != nullptr;
+    if (self->quit && --g_leaving == 0) {
+        (void)pthread_cond_broadcast(&g_left);
+    }
     (void)pthread_mutex_unlock(&g_pool_mutex);
     return got;
 }
@@ -119,6 +126,28 @@ void *worker_main(void *start) {
     // itself off, was taken off to quit, or was never put on).
     (void)pthread_cond_destroy(&self.wake);
     return nullptr; // NOLINT(clang-analyzer-core.StackAddressEscape)
+}
+
+// When the library is unloaded or the process exits: parked workers are told
+// to end and waited for (a second at most) so that none wakes later into code
+// that is gone; busy workers end after their job instead of parking.
+__attribute__((destructor)) void stop_parked_workers() {
+    (void)pthread_mutex_lock(&g_pool_mutex);
+    g_stopping = true;
+    while (g_parked != nullptr) {
+        parked_worker *w = g_parked;
+        g_parked = w->next;
+        g_parked_count--;
+        w->quit = true;
+        ++g_leaving;
+        (void)pthread_cond_signal(&w->wake);
+    }
+    timespec deadline{};
+    (void)clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += 1;
+    while (g_leaving != 0 && pthread_cond_timedwait(&g_left, &g_pool_mutex, &deadline) != ETIMEDOUT) {
+    }
+    (void)pthread_mutex_unlock(&g_pool_mutex);
 }
 
 } // namespace
@@ -164,6 +193,7 @@ void set_worker_reuse(unsigned max_parked) {
         g_parked = w->next;
         g_parked_count--;
         w->quit = true;
+        ++g_leaving;
         (void)pthread_cond_signal(&w->wake);
     }
     (void)pthread_mutex_unlock(&g_pool_mutex);

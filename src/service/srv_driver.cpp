@@ -4,7 +4,7 @@
 #include <atomic>
 #include <cstring>
 
-#include "address/wire_internal.h"
+#include "address/transport.h"
 #include "base/memory.h"
 #include "base/secure.h"
 #include "base/sem_guard.h"
@@ -81,6 +81,34 @@ bool make_variant(uint32_t k, const DNS_LOCAL_SERVER_S &servers, char (&base)[na
     return true;
 }
 
+// One try's wait and read: DNS_ERR_TIMEOUT when nothing answering the
+// question came within the time-out; else what reading the reply gave. A
+// truncated reply is asked again over TCP and that reply read instead; when
+// TCP fails the truncated one is read as it stands. A full list receives
+// nothing.
+uint32_t read_try(query_state &st, const DNS_IPADDR_S &server, std::span<const uint8_t> query,
+                  uint32_t timeout_sec, uint32_t *count, DNS_LIST_S *list, uint32_t *ttls) {
+    namespace transport = vekdns::transport;
+    const auto deadline = transport::clock::now() + std::chrono::seconds(timeout_sec);
+    if (*count >= vekdns::service::max_records || DNS_ListGetSize(list) >= vekdns::service::max_records) {
+        return transport::wait_readable(st.sock, deadline) ? DNS_OK : DNS_ERR_TIMEOUT;
+    }
+    transport::owned_reply tcp;
+    std::span<const uint8_t> reply;
+    bool tcp_timed_out = false;
+    const transport::wait_result waited = transport::await_reply(
+        st.sock, server, query, deadline, std::span<uint8_t>(st.recv_buf, recv_size), tcp, &reply,
+        &tcp_timed_out);
+    if (waited == transport::wait_result::timed_out) {
+        return DNS_ERR_TIMEOUT;
+    }
+    if (waited == transport::wait_result::recv_failed) {
+        DNS_LOG(3, "DNS_Srv receive fail lRet:%d", static_cast<int>(DNS_ERR_RECV));
+        return DNS_ERR_RECV;
+    }
+    return vekdns::service::read_received(reply, count, list, ttls);
+}
+
 } // namespace
 
 extern "C" {
@@ -151,13 +179,15 @@ VEK_DNS_API uint32_t DNS_SrvQuery(const char *pszName, uint32_t ulTimeOutSec, ui
                 DNS_LOG(2, "send dns server message failed!\r\n");
                 continue;
             }
-            if (!vekdns::detail::wait_readable(st.sock, ulTimeOutSec)) {
+            const uint32_t read = read_try(st, server, std::span<const uint8_t>(msg, msg_len), ulTimeOutSec,
+                                           &count, pstList, pulTtl);
+            if (read == DNS_ERR_TIMEOUT) {
                 Dns_SrvIPSet(&server, pszName);
                 st.close_socket();
                 result = DNS_ERR_TIMEOUT;
                 break;
             }
-            result = DNS_SrvRead(&st.sock, st.recv_buf, recv_size, &count, pstList, pulTtl);
+            result = read;
             if (result != DNS_OK) {
                 DNS_LOG(2, "read dns server message failed!\r\n");
                 std::memset(st.recv_buf, 0, recv_size);

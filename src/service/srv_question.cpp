@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "address/transport.h"
 #include "base/secure.h"
 #include "base/sys.h"
 #include "service/service_internal.h"
@@ -142,7 +143,7 @@ VEK_DNS_API uint32_t DNS_SrvMsgRecv(const int32_t *plSocket, uint8_t *pBuf, uint
     if (pBuf == nullptr || ulBufSize == 0 || plSocket == nullptr || pulLen == nullptr) {
         return DNS_ERR_PARA_INVALID;
     }
-    const ssize_t got = vekdns::sys::recv(*plSocket, pBuf, ulBufSize, 0);
+    const ssize_t got = vekdns::transport::receive(*plSocket, pBuf, ulBufSize);
     if (got < 0 || static_cast<size_t>(got) > ulBufSize) {
         return DNS_ERR_RECV;
     }

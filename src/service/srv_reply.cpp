@@ -355,3 +355,14 @@ VEK_DNS_API uint32_t DNS_SrvRead(const int32_t *plSocket, uint8_t *pBuf, uint32_
 }
 
 } // extern "C"
+
+namespace vekdns::service {
+
+uint32_t read_received(std::span<const uint8_t> reply, uint32_t *count, DNS_LIST_S *list, uint32_t *ttls) {
+    if (*count >= max_records || DNS_ListGetSize(list) >= max_records) {
+        return DNS_OK;
+    }
+    return read_reply(reply, count, list, ttls);
+}
+
+} // namespace vekdns::service

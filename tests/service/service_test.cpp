@@ -14,6 +14,7 @@
 #include "os_adapter/test_hooks.h"
 #include "support/dns_server.h"
 #include "support/sandbox.h"
+#include "support/tcp_once.h"
 #include "vek_dns_ops.h"
 
 namespace {
@@ -148,6 +149,25 @@ TEST_F(Service, RepliesAreOrderedJoinedAndChecked) {
     }
 }
 
+TEST_F(Service, TruncatedRepliesAndLateIds) {
+    srv.answer_a("t", {"10.0.0.5"}); // completes a target read without its address
+    const auto full = [](Q q) { return msg::reply_to(q).answer_srv(q.qname, 1, 1, 9, "t", 60).additional_a("t", "10.0.0.1", 60); };
+    const auto cut = [](Q q) { return reply(msg::reply_to(q).tc().answer_srv(q.qname, 1, 1, 9, "t", 60)); };
+    const auto late = [&](Q q) { reply r(full(q)); bytes old = msg::reply_to(q).answer_srv(q.qname, 2, 2, 8, "t", 60).additional_a("t", "10.6.6.6", 60).bytes();
+        old[1] ^= 1; return reply(old).then(r.datagrams[0]); };
+    const struct { const char *row; query_handler udp; bool tcp; std::string want; } rows[] = {
+        {"truncated, whole over TCP", cut, true, "0 | t 1 1 9 10.0.0.1"},
+        {"truncated, TCP refused: the cut reply", cut, false, "0 | t 1 1 9 10.0.0.5"},
+        {"late reply with another id", late, false, "0 | t 1 1 9 10.0.0.1"},
+    };
+    for (const auto &row : rows) {
+        ORV_NETB_DnsCleanBuffer();
+        srv.on_query([&](Q q) { return q.qtype == qtype::srv ? row.udp(q) : srv.table_reply(q); });
+        std::unique_ptr<tcp_once> tcp(row.tcp ? new tcp_once([&](Q q) { return reply(full(q)); }, 1) : nullptr);
+        EXPECT_EQ(blocking("d"), row.want) << row.row;
+    }
+}
+
 TEST_F(Service, ServersAndSearchDomainsInOrder) {
     scripted_server second("127.0.0.2");
     set_resolv_conf("nameserver 127.0.0.1\nnameserver 127.0.0.2\nsearch a.example b.example\n");
@@ -254,7 +274,7 @@ TEST_F(Service, FaultSweep) {
     // Not sem_post: a named semaphore whose post failed stays held for every
     // later caller, whatever call took it.
     const op ops[] = {op::alloc, op::sem_open, op::sem_wait, op::sem_close, op::sem_init,
-                      op::thread_create, op::socket, op::connect, op::send, op::recv, op::select};
+                      op::thread_create, op::socket, op::connect, op::send, op::recv, op::poll};
     for (const auto &row : calls_table) {
         for (op o : ops) {
             for (unsigned nth = 1;; ++nth) {
