@@ -10,7 +10,6 @@
 #include <mutex>
 #include <sstream>
 
-#include "base/worker_pool.h"
 #include "os_adapter/test_hooks.h"
 #include "support/dns_server.h"
 #include "support/sandbox.h"
@@ -247,58 +246,6 @@ TEST_F(Service, ArgumentsAndTextCall) {
     EXPECT_EQ(async("fifteen_chars_x", "d", 1), "26040010");
     EXPECT_EQ(async("sip", std::string(64, 'a').c_str(), 1), "26040026");
     EXPECT_EQ(blocking("d", 1), "0 | t 1 2 3 fd00::1") << "never past the capacity";
-}
-
-// Fails the nth platform operation of each kind in turn until a run hits no
-// fault: every call ends with a listed code or success, one callback, and no
-// block left behind.
-TEST_F(Service, FaultSweep) {
-    use([](Q q) { return msg::reply_to(q).answer_srv(q.qname, 1, 1, 9, "t", 60).answer_srv(q.qname, 2, 1, 9, "u", 60)
-        .additional_a("t", "10.0.0.1", 60); });
-    srv.answer_a("u", {"10.0.0.2"});
-    const std::string ok = "0 | t 1 1 9 10.0.0.1 | u 2 1 9 10.0.0.2";
-    const struct {
-        const char *name;
-        std::function<std::string()> call;
-    } calls_table[] = {
-        {"async", [] { waiter w; uint32_t r = ORV_NETB_DnsGetSrvByAsynResolve("sip", "udp", "d", 1, 4, waiter::done, &w);
-            if (r != DNS_OK) return show(r, nullptr, 0);
-            std::string got = w.wait().substr(12);
-            vekdns::test::wait_until([] { return vekdns::detail::requests_in_flight() == 0; });
-            return w.calls == 1 ? got : "callbacks: " + std::to_string(w.calls); }},
-        {"blocking", [] { return blocking("d", 4); }},
-        {"text", [] { DNS_SRV_RR_STR_S t[4]; uint32_t n = 4;
-            uint32_t r = vek_dns_get_srv_resolve_syn("sip", "udp", "d", t, &n);
-            return r == 1 ? std::string("26040001") : show(r, nullptr, 0) + (r == 0 ? " " + std::to_string(n) : ""); }},
-    };
-    // Not sem_post: a named semaphore whose post failed stays held for every
-    // later caller, whatever call took it.
-    const op ops[] = {op::alloc, op::sem_open, op::sem_wait, op::sem_close, op::sem_init,
-                      op::thread_create, op::socket, op::connect, op::send, op::recv, op::poll};
-    for (const auto &row : calls_table) {
-        for (op o : ops) {
-            for (unsigned nth = 1;; ++nth) {
-                ORV_NETB_DnsCleanBuffer();
-                (void)ORV_NETB_DnsUnReachableIPClean();
-                const long before = vekdns::pal_test::outstanding_blocks();
-                vekdns::pal_test::clear_faults();
-                vekdns::pal_test::fail_nth(o, nth);
-                const std::string got = row.call();
-                const bool hit = calls(o) >= nth;
-                vekdns::pal_test::clear_faults();
-                const bool listed = got.rfind("2604", 0) == 0 && got.find('|') == std::string::npos;
-                EXPECT_TRUE(got.rfind("0 ", 0) == 0 || listed)
-                    << row.name << " op " << static_cast<unsigned>(o) << " #" << nth << ": " << got;
-                ORV_NETB_DnsCleanBuffer();
-                EXPECT_TRUE(wait_until([&] { return vekdns::pal_test::outstanding_blocks() == before; }))
-                    << row.name << " op " << static_cast<unsigned>(o) << " #" << nth << " leaks";
-                if (!hit) {
-                    EXPECT_TRUE(got == ok || got == "0 2") << row.name << ": " << got;
-                    break;
-                }
-            }
-        }
-    }
 }
 
 } // namespace

@@ -45,6 +45,8 @@ TEST(Sweep, EveryFailurePathKeepsTheInvariants) {
     scripted_server v4("127.0.0.1"), v6("::1");
     v4.answer_a("h", {"10.0.0.1"});
     v6.answer_aaaa("h", {"fd00::1"});
+    v4.answer_srv("_sip._udp.h", {{1, 1, 9, "h"}, {2, 1, 9, "t.h"}}); // t.h completed by an address look-up
+    v4.answer_a("t.h", {"10.0.0.2"});
     const DNS_SERVER_S first = ip("10.0.0.8"), second = ip("fd00::9"), empty = ip("0.0.0.0");
     const DNS_SERVER_S list[] = {empty, first, second};
     const DNS_SRV_RR_S rec = srv_record();
@@ -54,6 +56,10 @@ TEST(Sweep, EveryFailurePathKeepsTheInvariants) {
     DNS_IPADDR_STR_S t[3];
     DNS_SERVER_S s[3];
     DNS_SRV_RR_S r[2];
+    DNS_SRV_RR_STR_S rs[2];
+    const auto srv_callback = [](DNS_SRV_ASYN_S *, DNS_SRV_RR_S *, uint32_t, void *c, uint32_t) -> uint32_t {
+        return ++*static_cast<cbs *>(c), 0;
+    };
     uint32_t n = 0, m = 0;
     const auto cached = [] { files(), (void)DNS_SetIpToCache("h", 300, ip("10.0.0.7")); };
     const auto no_v4_file = [] { files(), (void)std::remove("/var/orvdns.cache"); };
@@ -66,6 +72,10 @@ TEST(Sweep, EveryFailurePathKeepsTheInvariants) {
         {"async both", files, async(2), true},
         {"async both, A cached", cached, async(2), true},
         {"async A, cached", cached, async(0), true},
+        {"service async", files,
+         [&](cbs &c) { return ORV_NETB_DnsGetSrvByAsynResolve("sip", "udp", "h", 1, 4, srv_callback, &c); }, true},
+        {"service blocking", files, [&](cbs &) { return n = 2, ORV_NETB_DnsGetSrvBySynResolve("sip", "udp", "h", r, &n); }},
+        {"service text", files, [&](cbs &) { return n = 2, vek_dns_get_srv_resolve_syn("sip", "udp", "h", rs, &n); }},
         {"blocking both", files, [&](cbs &) { return n = 10, ORV_NETB_DnsGetIpBySynResolve("h", 2, a, &n); }},
         {"text", files, [&](cbs &) { return n = 3, vek_dns_get_ip_resolve_syn("h", 1, t, &n); }},
         {"set config", files, [&](cbs &) { return ORV_NETB_DnsSetConfig(0x1E, &first, &second, 7, 60); },
