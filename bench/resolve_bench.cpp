@@ -4,6 +4,9 @@
 //   (1) cold: one blocking A resolve at a time, memory cache emptied before each
 //   (2) hot: one blocking A resolve answered from the memory cache
 //   (3) async: 1000 A requests for distinct names, until every callback is in
+//   (5) SRV: one blocking service resolve at a time, cold and cached; the
+//       responder's SRV answer carries the target's address as an additional
+//       record, so our call needs one question where a glibc user asks twice
 //
 // Peers: a raw UDP client with a fresh socket per question (the floor for our
 // design), glibc getaddrinfo / res_nquery / getaddrinfo_a, and c-ares. The
@@ -76,6 +79,7 @@ struct settings {
 constexpr uint8_t answer_ip[4] = {198, 18, 0, 1};
 constexpr uint32_t answer_ttl = 300;
 constexpr int reply_wait_sec = 2;
+constexpr uint16_t srv_port = 5060; // the one SRV record: _sip._udp.<name> -> host.<name>:5060
 
 uint32_t answer_ip_net() {
     uint32_t v;
@@ -197,42 +201,54 @@ uint16_t be16(const uint8_t *p) {
     return static_cast<uint16_t>((p[0] << 8) | p[1]);
 }
 
-// True when the reply is a NOERROR response (with id `id`, if not negative)
-// whose answers hold an A record; its address goes to *addr.
-bool first_a(const uint8_t *msg, size_t len, int id, uint32_t *addr) {
+// The data of the first answer of type `type` in a NOERROR response (with id
+// `id`, if not negative); nullptr when there is none.
+const uint8_t *first_answer(const uint8_t *msg, size_t len, int id, uint16_t type, uint16_t *rdlen_out) {
     if (len < 12 || (msg[2] & 0x80) == 0 || (msg[3] & 0x0F) != 0 || (id >= 0 && be16(msg) != id)) {
-        return false;
+        return nullptr;
     }
     size_t pos = 12;
     for (uint16_t q = be16(msg + 4); q > 0; --q) {
         pos = skip_name(msg, len, pos);
         if (pos == 0 || pos + 4 > len) {
-            return false;
+            return nullptr;
         }
         pos += 4;
     }
     for (uint16_t a = be16(msg + 6); a > 0; --a) {
         pos = skip_name(msg, len, pos);
         if (pos == 0 || pos + 10 > len) {
-            return false;
+            return nullptr;
         }
-        const uint16_t type = be16(msg + pos);
         const uint16_t rdlen = be16(msg + pos + 8);
         pos += 10;
         if (pos + rdlen > len) {
-            return false;
+            return nullptr;
         }
-        if (type == 1 && rdlen == 4) {
-            std::memcpy(addr, msg + pos, 4);
-            return true;
+        if (be16(msg + pos - 10) == type) {
+            *rdlen_out = rdlen;
+            return msg + pos;
         }
         pos += rdlen;
     }
-    return false;
+    return nullptr;
 }
 
-// Reply to one query in `out`: question echoed, one A answer (for A), or an
-// empty NOERROR for other types. 0: no reply (not a query, or malformed).
+// True when the answers hold an A record; its address goes to *addr.
+bool first_a(const uint8_t *msg, size_t len, int id, uint32_t *addr) {
+    uint16_t rdlen = 0;
+    const uint8_t *rd = first_answer(msg, len, id, 1, &rdlen);
+    if (rd == nullptr || rdlen != 4) {
+        return false;
+    }
+    std::memcpy(addr, rd, 4);
+    return true;
+}
+
+// Reply to one query in `out`: question echoed, one A answer (for A), one SRV
+// answer with the target's A record as additional (for SRV of _sip._udp.X:
+// target host.X), or an empty NOERROR for other types. 0: no reply (not a
+// query, or malformed).
 size_t build_reply(const uint8_t *q, size_t n, uint8_t *out) {
     if (n < 12 || (q[2] & 0x80) != 0) {
         return 0;
@@ -257,6 +273,24 @@ size_t build_reply(const uint8_t *q, size_t n, uint8_t *out) {
     out[6] = 0;
     out[7] = qtype == 1 ? 1 : 0;
     std::memset(out + 8, 0, 4); // no authority, no additional (an OPT is dropped)
+    if (qtype == 33 && pos > 22 && std::memcmp(q + 12, "\x04_sip\x04_udp", 10) == 0) {
+        // Target "host" + pointer to X (offset 22); the additional A record's
+        // owner points at the target inside the answer (offset qend + 18).
+        // SRV 10 5 5060 host.X, TTL 300; then A 198.18.0.1, TTL 300.
+        static const char rr[] = "\xC0\x0C\x00\x21\x00\x01\x00\x00\x01\x2C\x00\x0D\x00\x0A\x00\x05\x13\xC4"
+                                 "\x04"
+                                 "host\xC0\x16"
+                                 "\xC0\x00\x00\x01\x00\x01\x00\x00\x01\x2C\x00\x04\xC6\x12\x00\x01";
+        static_assert(srv_port == 0x13C4 && answer_ttl == 0x12C && answer_ip[0] == 0xC6 &&
+                          answer_ip[1] == 0x12 && answer_ip[3] == 1,
+                      "the literal above");
+        std::memcpy(out + qend, rr, sizeof(rr) - 1);
+        out[qend + 25] = static_cast<uint8_t>(0xC0 | ((qend + 18) >> 8));
+        out[qend + 26] = static_cast<uint8_t>(qend + 18);
+        out[7] = 1;
+        out[11] = 1;
+        return qend + sizeof(rr) - 1;
+    }
     if (qtype != 1) {
         return qend;
     }
@@ -382,9 +416,9 @@ std::string bench_name(char tag, unsigned i) {
     return buf;
 }
 
-bool raw_resolve(const char *name, uint16_t id) {
+bool raw_resolve(const char *name, uint16_t id, uint16_t qtype = 1) {
     uint8_t q[512];
-    const size_t qlen = encode_query(q, sizeof(q), id, name, 1);
+    const size_t qlen = encode_query(q, sizeof(q), id, name, qtype);
     int fd = socket(AF_INET, SOCK_DGRAM, 0);
     if (fd < 0 || qlen == 0) {
         if (fd >= 0) {
@@ -404,7 +438,10 @@ bool raw_resolve(const char *name, uint16_t id) {
             uint8_t r[2048];
             const ssize_t n = recv(fd, r, sizeof(r), 0);
             uint32_t addr = 0;
-            ok = n > 0 && first_a(r, static_cast<size_t>(n), id, &addr) && addr == answer_ip_net();
+            uint16_t rdlen = 0;
+            ok = n > 0 &&
+                 (qtype == 1 ? first_a(r, static_cast<size_t>(n), id, &addr) && addr == answer_ip_net()
+                             : first_answer(r, static_cast<size_t>(n), id, qtype, &rdlen) != nullptr);
         }
     }
     close(fd);
@@ -448,6 +485,41 @@ bool glibc_res_nquery(const char *name) {
     return n > 0 && first_a(answer, static_cast<size_t>(n), -1, &addr) && addr == answer_ip_net();
 }
 
+// ---- service (SRV) resolvers: `domain` is X of _sip._udp.X ---------------------------------
+
+std::string srv_qname(const char *domain) {
+    return std::string("_sip._udp.") + domain;
+}
+
+bool ours_srv(const char *domain) {
+    DNS_SRV_RR_S rr[4] = {};
+    uint32_t n = 4;
+    return ORV_NETB_DnsGetSrvBySynResolve("sip", "udp", domain, rr, &n) == DNS_OK && n >= 1 &&
+           rr[0].usPort == srv_port && rr[0].stAddr.ulType == DNS_IP_TYPE_IPV4 &&
+           rr[0].stAddr.unIpAddr.ulIpv4 == answer_ip_net();
+}
+
+// What a glibc user writes: the SRV question, the record read with
+// ns_parserr, then getaddrinfo of its target (a second question).
+bool glibc_srv(const char *domain) {
+    uint8_t answer[1024];
+    const int n = res_nquery(&g_res, srv_qname(domain).c_str(), ns_c_in, ns_t_srv, answer, sizeof(answer));
+    ns_msg msg;
+    if (n <= 0 || ns_initparse(answer, n, &msg) != 0) {
+        return false;
+    }
+    for (int i = 0; i < ns_msg_count(msg, ns_s_an); ++i) {
+        ns_rr rr;
+        char target[NS_MAXDNAME];
+        if (ns_parserr(&msg, ns_s_an, i, &rr) == 0 && ns_rr_type(rr) == ns_t_srv && ns_rr_rdlen(rr) > 6 &&
+            ns_get16(ns_rr_rdata(rr) + 4) == srv_port &&
+            dn_expand(ns_msg_base(msg), ns_msg_end(msg), ns_rr_rdata(rr) + 6, target, sizeof(target)) > 0) {
+            return glibc_getaddrinfo(target);
+        }
+    }
+    return false;
+}
+
 #if defined(VEK_BENCH_HAVE_CARES)
 ares_channel g_ares = nullptr;
 
@@ -489,6 +561,32 @@ bool cares_gethostbyname(const char *name) {
     ares_gethostbyname(g_ares, name, AF_INET, ares_one_cb, &o);
     ares_run([&] { return o.done; });
     return o.ok;
+}
+
+struct ares_srv_one {
+    bool done = false;
+    std::string target;
+};
+
+void ares_srv_cb(void *arg, int status, int, unsigned char *abuf, int alen) {
+    auto *o = static_cast<ares_srv_one *>(arg);
+    ares_srv_reply *srv = nullptr;
+    if (status == ARES_SUCCESS && ares_parse_srv_reply(abuf, alen, &srv) == ARES_SUCCESS && srv != nullptr &&
+        srv->port == srv_port) {
+        o->target = srv->host;
+    }
+    if (srv != nullptr) {
+        ares_free_data(srv);
+    }
+    o->done = true;
+}
+
+// ares_query(T_SRV), ares_parse_srv_reply, then the target's address.
+bool cares_srv(const char *domain) {
+    ares_srv_one o;
+    ares_query(g_ares, srv_qname(domain).c_str(), ns_c_in, ns_t_srv, ares_srv_cb, &o);
+    ares_run([&] { return o.done; });
+    return !o.target.empty() && cares_gethostbyname(o.target.c_str());
 }
 
 bool cares_init() {
@@ -1037,7 +1135,7 @@ void print_environment(const settings &cfg, bool have_cares) {
                 ncpu, ncpu == 1 ? "" : "  (not pinned: run under `taskset -c 0`, as scripts/bench.sh does)");
     std::printf(
         "  sandbox: private network (loopback only) and /etc/resolv.conf; server: in-process responder "
-        "on 127.0.0.1:53 (A -> 198.18.0.1, TTL 300)\n");
+        "on 127.0.0.1:53 (A -> 198.18.0.1, TTL 300; SRV _sip._udp.X -> host.X:5060 + additional A)\n");
     std::printf("  %u rounds, cases interleaved within each round; figures are medians over all rounds\n",
                 cfg.rounds);
     std::printf("  quest/op, quest/r: questions the responder answered per call or request; thread/r: worker "
@@ -1047,7 +1145,7 @@ void print_environment(const settings &cfg, bool have_cares) {
 
 void usage(const char *argv0) {
     std::fprintf(stderr,
-                 "usage: %s [--quick] [--only cold|hot|async|async-ours|breakdown]\n"
+                 "usage: %s [--quick] [--only cold|hot|async|async-ours|breakdown|srv]\n"
                  "  --quick  fewer iterations (a smoke run)\n"
                  "  --only   run one part (e.g. under perf record); async-ours: our all-at-once row alone\n",
                  argv0);
@@ -1059,7 +1157,7 @@ int main(int argc, char **argv) {
     isolate(); // before anything else: no thread and no socket exist before this
 
     settings cfg;
-    bool do_cold = true, do_hot = true, do_async = true, do_breakdown = true;
+    bool do_cold = true, do_hot = true, do_async = true, do_breakdown = true, do_srv = true;
     bool ours_only = false; // --only async-ours: our all-at-once row alone (for profiling)
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
@@ -1075,7 +1173,8 @@ int main(int argc, char **argv) {
             do_async = part == "async" || part == "async-ours";
             ours_only = part == "async-ours";
             do_breakdown = part == "breakdown";
-            if (!do_cold && !do_hot && !do_async && !do_breakdown) {
+            do_srv = part == "srv";
+            if (!do_cold && !do_hot && !do_async && !do_breakdown && !do_srv) {
                 usage(argv[0]);
                 return 2;
             }
@@ -1132,6 +1231,53 @@ int main(int argc, char **argv) {
     if (do_hot && !do_cold) {
         cold = {&raw}; // the hot ratio needs the floor
     }
+    if (do_srv && !do_cold && !do_hot) {
+        cold.clear();
+    }
+
+    // SRV: cold, cached (one primed name) and the peers, one question type each
+    const std::string srv_hot_name = "srv-hot.bench.test";
+    serial_case srv_cold{"vek_dns", "ORV_NETB_DnsGetSrvBySynResolve",
+                         ours_srv,  [] { ORV_NETB_DnsCleanBuffer(); },
+                         'v',       {},
+                         0,         0,
+                         true};
+    serial_case srv_hot{"vek_dns",
+                        "ORV_NETB_DnsGetSrvBySynResolve, cached",
+                        [&](const char *) { return ours_srv(srv_hot_name.c_str()); },
+                        nullptr,
+                        'V',
+                        {},
+                        0,
+                        0,
+                        true};
+    serial_case srv_raw{"raw UDP",
+                        "fresh socket per SRV question (floor)",
+                        [](const char *n) {
+                            return raw_resolve(srv_qname(n).c_str(), static_cast<uint16_t>(g_name_counter),
+                                               33);
+                        },
+                        nullptr,
+                        'R',
+                        {},
+                        0,
+                        0,
+                        true};
+    serial_case srv_glibc{"glibc", "res_nquery(SRV)+parserr+getaddrinfo", glibc_srv, nullptr, 'G', {}, 0, 0,
+                          true};
+    serial_case srv_cares {
+        "c-ares", "ares_query(SRV)+parse+gethostbyname",
+#if defined(VEK_BENCH_HAVE_CARES)
+            cares_srv,
+#else
+            nullptr,
+#endif
+            nullptr, 'C', {}, 0, 0, have_cares
+    };
+    std::vector<serial_case *> srv_rows = {&srv_cold, &srv_raw, &srv_glibc, &srv_cares};
+    if (!do_srv) {
+        srv_rows.clear();
+    }
 
     const std::string hot_name = "hot.bench.test";
     serial_case ours_hot{"vek_dns",
@@ -1185,6 +1331,12 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "warning: priming the cache for the hot case failed\n");
     }
     run_serial(ours_hot, 100, srv, false);
+    for (serial_case *c : srv_rows) {
+        run_serial(*c, 20, srv, false);
+    }
+    if (do_srv && !ours_srv(srv_hot_name.c_str())) {
+        std::fprintf(stderr, "warning: priming the cache for the cached SRV case failed\n");
+    }
 
     // ---- measured rounds
     for (unsigned round = 0; round < cfg.rounds; ++round) {
@@ -1204,7 +1356,15 @@ int main(int argc, char **argv) {
                 run_batch(*c, fresh_names('a'), srv, true);
             }
         }
-        if (do_cold || do_hot || do_async) {
+        for (serial_case *c : srv_rows) {
+            run_serial(*c, cfg.cold_per_round, srv, true);
+        }
+        if (do_srv) {
+            ORV_NETB_DnsCleanBuffer();
+            (void)ours_srv(srv_hot_name.c_str());
+            run_serial(srv_hot, cfg.hot_per_round, srv, true);
+        }
+        if (do_cold || do_hot || do_async || do_srv) {
             std::fprintf(stderr, "round %u/%u done\n", round + 1, cfg.rounds);
         }
     }
@@ -1308,9 +1468,29 @@ int main(int argc, char **argv) {
         std::printf("\n");
     }
 
-    std::printf("failures: ours cold %u, hot %u, async %u + %u; library log lines at level <= 2: %u\n",
+    if (do_srv) {
+        std::printf("(5) SRV: one blocking service resolve at a time; cold: memory cache emptied before each "
+                    "call (n=%zu per row), cached: n=%zu\n",
+                    srv_cold.us.size(), srv_hot.us.size());
+        print_serial_table(srv_rows, srv_cold);
+        std::printf("  %-9s %-38s %10.2f %9.2f %10.2f %7u\n", srv_hot.peer.c_str(), srv_hot.what.c_str(),
+                    srv_hot.median(), quantile(srv_hot.us, 0.9),
+                    static_cast<double>(srv_hot.questions) /
+                        static_cast<double>(std::max<size_t>(1, srv_hot.us.size())),
+                    srv_hot.failed);
+        goal_line("cold SRV vs glibc res_nquery+getaddrinfo",
+                  safe_ratio(srv_cold.median(), srv_glibc.median()), true, 0.8);
+        goal_line("cold SRV vs raw UDP SRV floor", safe_ratio(srv_cold.median(), srv_raw.median()), true,
+                  1.8);
+        goal_line("cached SRV vs raw UDP SRV floor", safe_ratio(srv_hot.median(), srv_raw.median()), true,
+                  0.1);
+        std::printf("\n");
+    }
+
+    std::printf("failures: ours cold %u, hot %u, async %u + %u, SRV cold %u, cached %u; library log lines at "
+                "level <= 2: %u\n",
                 ours_cold.failed, ours_hot.failed, ours_async_all.failed, ours_async_win.failed,
-                g_log_lines.load());
+                srv_cold.failed, srv_hot.failed, g_log_lines.load());
     {
         std::lock_guard<std::mutex> lock(g_log_mu);
         for (const std::string &line : g_log_first) {
