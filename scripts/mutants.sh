@@ -3,7 +3,7 @@
 # the default tests catch.
 #
 # usage: scripts/mutants.sh [filter]
-#   filter: run only the faults whose name contains this text.
+#   filter: run only the faults whose name matches this regular expression.
 # Environment: MUTANTS_DIR (scratch space, default /tmp/vek_mutants),
 #              MUTANTS_TIMEOUT (seconds per test before a hang counts as caught, default 30).
 #
@@ -121,7 +121,7 @@ while IFS= read -r line; do
     name=${line%% @@ *}; rest=${line#* @@ }
     file=${rest%% @@ *}; rest=${rest#* @@ }
     old=${rest%% @@ *}; new=${rest#* @@ }
-    [[ -n "$filter" && "$name" != *"$filter"* ]] && continue
+    [[ -n "$filter" && ! "$name" =~ $filter ]] && continue
     cp "$tree/$file" "$work/original"
     if ! apply "$tree/$file" "$old" "$new"; then
         printf '%-36s not applied (text not found exactly once in %s)\n' "$name" "$file"
