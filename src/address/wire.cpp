@@ -8,6 +8,7 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 
+#include "base/secure_log.h"
 #include "address/transport.h"
 #include "address/wire_internal.h"
 #include "base/memory.h"
@@ -29,11 +30,7 @@ constexpr uint16_t qclass_in = 1;
 // QTYPE and QCLASS take length + 18; the rest is slack.
 constexpr size_t message_slack = 22;
 
-void log_secure_failure(errno_t err) {
-    if (err != 0) {
-        DNS_LOG(3, "secure func return fail! err = %d", err);
-    }
-}
+using vekdns::log_secure_failure;
 
 void close_socket(int32_t *sock) {
     (void)PAL_CloseSocket(*sock);

@@ -3,6 +3,7 @@
 // blocking, and blocking with the addresses as text.
 #include <cstring>
 
+#include "base/secure_log.h"
 #include "base/memory.h"
 #include "base/secure.h"
 #include "base/sem_guard.h"
@@ -20,11 +21,7 @@ constexpr int inet6_family = 10; // AF_INET6, as the adapter takes it
 constexpr uint32_t ip_text_size = sizeof(DNS_SRV_RR_STR_S::acIpAddr);
 constexpr uint32_t target_size = sizeof(DNS_SRV_RR_STR_S::szTarget);
 
-void log_secure_failure(errno_t err) {
-    if (err != 0) {
-        DNS_LOG(3, "secure func return fail! err = %d", err);
-    }
-}
+using vekdns::log_secure_failure;
 
 // One service request on its worker: owns the request, the record and TTL
 // arrays and the output list, and frees them all when it goes.

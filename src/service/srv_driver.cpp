@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstring>
 
+#include "base/secure_log.h"
 #include "address/transport.h"
 #include "base/memory.h"
 #include "base/secure.h"
@@ -19,11 +20,7 @@ constexpr uint32_t msg_area = 516;
 constexpr uint32_t recv_size = 2048;
 constexpr uint32_t max_variants = 7; // the name and 6 search domains
 
-void log_secure_failure(errno_t err) {
-    if (err != 0) {
-        DNS_LOG(3, "secure func return fail! err = %d", err);
-    }
-}
+using vekdns::log_secure_failure;
 
 // What one call holds; released on every path out.
 struct query_state {

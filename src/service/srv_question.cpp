@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/secure_log.h"
 #include "address/transport.h"
 #include "base/secure.h"
 #include "base/sys.h"
@@ -19,11 +20,7 @@ constexpr uint32_t header_size = 12;
 constexpr uint32_t type_srv = 33;
 constexpr uint32_t class_in = 1;
 
-void log_secure_failure(errno_t err) {
-    if (err != 0) {
-        DNS_LOG(3, "secure func return fail! err = %d", err);
-    }
-}
+using vekdns::log_secure_failure;
 
 } // namespace
 

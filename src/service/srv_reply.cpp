@@ -4,6 +4,7 @@
 #include <cstring>
 #include <strings.h>
 
+#include "base/secure_log.h"
 #include "base/memory.h"
 #include "base/secure.h"
 #include "base/wire_cursor.h"
@@ -36,11 +37,7 @@ struct DNS_SRV_ADDR_S {
     DNS_IPADDR_S stAddr;
 };
 
-void log_secure_failure(errno_t err) {
-    if (err != 0) {
-        DNS_LOG(3, "secure func return fail! err = %d", err);
-    }
-}
+using vekdns::log_secure_failure;
 
 // Decodes the name at `pos` into `dst` (no trailing dot; the root is "").
 // Compression pointers must point before the start of the stretch of labels

@@ -3,6 +3,7 @@
 // targets, and finally the records still without an address are dropped.
 #include <cstring>
 
+#include "base/secure_log.h"
 #include "base/secure.h"
 #include "service/service_internal.h"
 #include "vek_os_adapter.h"
@@ -12,11 +13,7 @@ namespace {
 constexpr int inet6_family = 10; // AF_INET6, as the adapter takes it
 constexpr size_t max_ipv4_text = 16;
 
-void log_secure_failure(errno_t err) {
-    if (err != 0) {
-        DNS_LOG(3, "secure func return fail! err = %d", err);
-    }
-}
+using vekdns::log_secure_failure;
 
 bool has_addr(const DNS_SRV_RR_S &rr) {
     return rr.stAddr.ulType != DNS_IP_TYPE_IPV4 || rr.stAddr.unIpAddr.ulIpv4 != 0;
