@@ -37,28 +37,6 @@ void close_socket(int32_t *sock) {
     *sock = -1;
 }
 
-// Writes the question name label by label: each dot-separated part as one
-// length byte and its characters, then a zero byte. Returns the position
-// behind the name. The buffer has room for length + 2 bytes.
-uint8_t *encode_name(uint8_t *out, const uint8_t *out_end, const char *name, size_t len) {
-    const char *part = name;
-    size_t left = len;
-    for (;;) {
-        const auto *dot = static_cast<const char *>(std::memchr(part, '.', left));
-        size_t label = dot != nullptr ? static_cast<size_t>(dot - part) : left;
-        *out++ = static_cast<uint8_t>(label);
-        log_secure_failure(memcpy_s(out, static_cast<size_t>(out_end - out), part, label));
-        out += label;
-        if (dot == nullptr) {
-            break;
-        }
-        left -= label + 1;
-        part = dot + 1;
-    }
-    *out++ = 0;
-    return out;
-}
-
 } // namespace
 
 namespace vekdns::detail {
@@ -240,7 +218,7 @@ uint32_t send_question(char *pszName, uint32_t ulNameLen, const DNS_IPADDR_S *ps
         pszName[len - 1] = '\0';
         --len;
     }
-    uint8_t *out = encode_name(msg + header_size, msg_end, pszName, len);
+    uint8_t *out = wire::encode_name(msg + header_size, msg_end, pszName, len);
     out = DNS_Spread2Bytes(out, ulType == DNS_SEARCH_TYPE_A ? qtype_a : qtype_aaaa);
     out = DNS_Spread2Bytes(out, qclass_in);
 

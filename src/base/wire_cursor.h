@@ -4,8 +4,11 @@
 #pragma once
 
 #include <cstddef>
+#include <cstring>
 #include <cstdint>
 #include <span>
+
+#include "base/secure_log.h"
 
 namespace vekdns::wire {
 
@@ -146,6 +149,28 @@ inline bool skip_questions(cursor &c, uint32_t count) {
         }
     }
     return true;
+}
+
+// Writes the question name label by label: each dot-separated part as one
+// length byte and its characters, then a zero byte. Returns the position
+// behind the name. The buffer has room for length + 2 bytes.
+inline uint8_t *encode_name(uint8_t *out, const uint8_t *out_end, const char *name, size_t len) {
+    const char *part = name;
+    size_t left = len;
+    for (;;) {
+        const auto *dot = static_cast<const char *>(std::memchr(part, '.', left));
+        size_t label = dot != nullptr ? static_cast<size_t>(dot - part) : left;
+        *out++ = static_cast<uint8_t>(label);
+        vekdns::log_secure_failure(memcpy_s(out, static_cast<size_t>(out_end - out), part, label));
+        out += label;
+        if (dot == nullptr) {
+            break;
+        }
+        left -= label + 1;
+        part = dot + 1;
+    }
+    *out++ = 0;
+    return out;
 }
 
 } // namespace vekdns::wire

@@ -128,6 +128,17 @@ void *worker_main(void *start) {
     return nullptr; // NOLINT(clang-analyzer-core.StackAddressEscape)
 }
 
+// Takes the most recently parked worker off the stack and tells it to end.
+// Called with g_pool_mutex held and a worker parked.
+void dismiss_first_parked() {
+        parked_worker *w = g_parked;
+        g_parked = w->next;
+        g_parked_count--;
+        w->quit = true;
+        ++g_leaving;
+        (void)pthread_cond_signal(&w->wake);
+}
+
 // When the library is unloaded or the process exits: parked workers are told
 // to end and waited for (a second at most) so that none wakes later into code
 // that is gone; busy workers end after their job instead of parking.
@@ -135,12 +146,7 @@ __attribute__((destructor)) void stop_parked_workers() {
     (void)pthread_mutex_lock(&g_pool_mutex);
     g_stopping = true;
     while (g_parked != nullptr) {
-        parked_worker *w = g_parked;
-        g_parked = w->next;
-        g_parked_count--;
-        w->quit = true;
-        ++g_leaving;
-        (void)pthread_cond_signal(&w->wake);
+        dismiss_first_parked();
     }
     timespec deadline{};
     (void)clock_gettime(CLOCK_REALTIME, &deadline);
@@ -189,12 +195,7 @@ void set_worker_reuse(unsigned max_parked) {
     (void)pthread_mutex_lock(&g_pool_mutex);
     g_max_parked = max_parked;
     while (g_parked_count > g_max_parked) {
-        parked_worker *w = g_parked;
-        g_parked = w->next;
-        g_parked_count--;
-        w->quit = true;
-        ++g_leaving;
-        (void)pthread_cond_signal(&w->wake);
+        dismiss_first_parked();
     }
     (void)pthread_mutex_unlock(&g_pool_mutex);
 }

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "base/secure_log.h"
+#include "base/wire_cursor.h"
 #include "address/transport.h"
 #include "base/secure.h"
 #include "base/sys.h"
@@ -81,22 +82,7 @@ VEK_DNS_API uint32_t DNS_SrvBuildMsg(char *pszName, uint8_t *pMsg, uint32_t ulBu
     if (left > 255) {
         return DNS_ERR_SRV_MSG_BUF;
     }
-    uint8_t *out = pMsg + header_size;
-    const uint8_t *end = pMsg + ulBufSize;
-    const char *part = pszName;
-    for (;;) {
-        const auto *dot = static_cast<const char *>(std::memchr(part, '.', left));
-        const size_t label = dot != nullptr ? static_cast<size_t>(dot - part) : left;
-        *out++ = static_cast<uint8_t>(label);
-        log_secure_failure(memcpy_s(out, static_cast<size_t>(end - out), part, label));
-        out += label;
-        if (dot == nullptr) {
-            break;
-        }
-        left -= label + 1;
-        part = dot + 1;
-    }
-    *out++ = 0;
+    uint8_t *out = vekdns::wire::encode_name(pMsg + header_size, pMsg + ulBufSize, pszName, left);
     out = DNS_Spread2Bytes(out, type_srv);
     out = DNS_Spread2Bytes(out, class_in);
     *pulMsgLen = static_cast<uint32_t>(out - pMsg);
