@@ -1,10 +1,12 @@
 // The exported address calls: asynchronous (memory cache first, else one
-// worker per request), blocking, and blocking with the addresses as text.
+// worker per request), blocking (the same request, run on the calling
+// thread), and blocking with the addresses as text.
 #include "address/address_calls.h"
 #include "base/worker_pool.h"
 
 #include "base/memory.h"
 #include "base/secure.h"
+#include "base/secure_log.h"
 #include "base/sem_guard.h"
 #include "vek_dns_ops.h"
 #include "vek_os_adapter.h"
@@ -15,12 +17,7 @@ constexpr int32_t syn_timeout_sec = 3;
 constexpr int inet6_family = 10; // AF_INET6, as the adapter takes it
 constexpr uint32_t ip_text_size = sizeof(DNS_IPADDR_STR_S::acIpAddr);
 
-
-void log_secure_failure(errno_t err) {
-    if (err != 0) {
-        DNS_LOG(3, "secure func return fail! err = %d", err);
-    }
-}
+using vekdns::log_secure_failure;
 
 inline uint32_t min_u32(uint32_t a, uint32_t b) { return a < b ? a : b; }
 
@@ -92,7 +89,16 @@ struct syn_texts {
     const char *success;
 };
 
-// One asynchronous request with dnsSynResolveCallback, waited for.
+// Where an accepted request runs: on a worker, or on the calling thread
+// before the call returns (the blocking calls, whose completion function is
+// the library's own: the caller waits for it anyway, so a hand-off to a
+// worker and back would only add two thread switches).
+enum class run_on { worker, caller };
+
+uint32_t accept_request(const char *name, uint32_t type, int32_t timeout, DNS_IP_CALLBACK_PFN callback,
+                        void *user, run_on where);
+
+// One request with dnsSynResolveCallback, run on this thread and waited for.
 uint32_t run_syn_request(const char *name, uint32_t type, DNS_RESULT_S *res, sem_t *lock,
                          const syn_texts &texts) {
     (void)memset_s(res, sizeof(*res), 0, sizeof(*res));
@@ -100,7 +106,7 @@ uint32_t run_syn_request(const char *name, uint32_t type, DNS_RESULT_S *res, sem
     res->pstLock = lock;
 
     lock_until_taken(lock);
-    uint32_t ret = ORV_NETB_DnsGetIpByAsynResolve(name, type, syn_timeout_sec, dnsSynResolveCallback, res);
+    uint32_t ret = accept_request(name, type, syn_timeout_sec, dnsSynResolveCallback, res, run_on::caller);
     if (ret != DNS_OK) {
         DNS_LOG(3, texts.failure, ret);
         (void)DNS_UnLock(lock);
@@ -116,14 +122,8 @@ inline uint32_t delivered(const DNS_RESULT_S &res) {
     return res.lIpNum > 0 ? min_u32(static_cast<uint32_t>(res.lIpNum), DNS_MAX_IP_NUM) : 0;
 }
 
-} // namespace
-
-extern "C" {
-
-VEK_DNS_API uint32_t ORV_NETB_DnsGetIpByAsynResolve(const char *pszHostName, uint32_t ulSearchType,
-                                                    int32_t ulTimeOutSec,
-                                                    DNS_IP_CALLBACK_PFN pfnCallback,
-                                                    void *pUserData) {
+uint32_t accept_request(const char *pszHostName, uint32_t ulSearchType, int32_t ulTimeOutSec,
+                        DNS_IP_CALLBACK_PFN pfnCallback, void *pUserData, run_on where) {
     DNS_IPADDR_S main_list[DNS_MAX_IP_NUM];
     DNS_IPADDR_S v6_list[DNS_MAX_IP_NUM];
     (void)memset_s(main_list, sizeof(main_list), 0, sizeof(main_list));
@@ -219,12 +219,27 @@ VEK_DNS_API uint32_t ORV_NETB_DnsGetIpByAsynResolve(const char *pszHostName, uin
     log_secure_failure(memcpy_s(req->astIpAddr, sizeof(req->astIpAddr), main_list,
                                 sizeof(DNS_IPADDR_S) * req->ulIpNum));
 
+    if (where == run_on::caller) {
+        (void)DNS_AsynResolveThread(req);
+        return DNS_OK;
+    }
     if (!vekdns::detail::start_worker(run_request, req)) {
         free_request(req);
         DNS_LOG(2, "create thread failed!\r\n");
         return DNS_ERR_CREATE_THREAD;
     }
     return DNS_OK;
+}
+
+} // namespace
+
+extern "C" {
+
+VEK_DNS_API uint32_t ORV_NETB_DnsGetIpByAsynResolve(const char *pszHostName, uint32_t ulSearchType,
+                                                    int32_t ulTimeOutSec,
+                                                    DNS_IP_CALLBACK_PFN pfnCallback,
+                                                    void *pUserData) {
+    return accept_request(pszHostName, ulSearchType, ulTimeOutSec, pfnCallback, pUserData, run_on::worker);
 }
 
 VEK_DNS_API void *DNS_AsynResolveThread(void *pArg) {

@@ -1,13 +1,19 @@
 // Name-server discovery: the servers and search suffixes of /etc/resolv.conf,
-// read afresh for every query.
+// looked at afresh for every query: read, or taken from the snapshot of the
+// last read while a stat shows the very same, unchanged file.
 #include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <new>
 
 #include <arpa/inet.h>
+#include <pthread.h>
+#include <sys/stat.h>
 
 #include "base/memory.h"
 #include "base/secure.h"
 #include "base/text_file.h"
+#include "config/discovery.h"
 #include "vek_dns_ops.h"
 #include "vek_os_adapter.h"
 
@@ -53,11 +59,11 @@ void clear_search(DNS_LOCAL_SERVER_S *rec) {
 }
 
 // "domain <suffix>": one suffix replaces every earlier one. A missing suffix
-// (or only the line's end) leaves the earlier ones in place.
-void take_domain_line(DNS_LOCAL_SERVER_S *rec, char **ctx) {
+// (or only the line's end) leaves the earlier ones in place: false then.
+bool take_domain_line(DNS_LOCAL_SERVER_S *rec, char **ctx) {
     char *tok = strtok_s(nullptr, " ", ctx);
     if (tok == nullptr || std::strcmp(tok, "\n") == 0) {
-        return;
+        return false;
     }
     clear_search(rec);
     errno_t err = strncpy_s(rec->szSearchDomain, search_text_size, tok, search_text_size - 1);
@@ -66,6 +72,7 @@ void take_domain_line(DNS_LOCAL_SERVER_S *rec, char **ctx) {
     }
     rec->apszSearchDomain[0] = rec->szSearchDomain;
     cut_at_newline(rec->szSearchDomain);
+    return true;
 }
 
 // "search <s1> <s2> ...": up to six suffixes replace every earlier one.
@@ -104,9 +111,120 @@ bool first_server_usable(const DNS_LOCAL_SERVER_S *rec) {
            (first.ulType == DNS_IP_TYPE_IPV4 && first.unIpAddr.ulIpv4 != 0);
 }
 
+// The outcome of the last successful read, and the identity of the file it
+// came from: device, inode, size, and the modification and change times to
+// the nanosecond. Any rewrite in place or by rename changes one of them,
+// with one exception: a rewrite within the same timestamp tick as the
+// previous one, of the same size. So a file changed less than racy_window
+// before the stat that preceded its read is never reused ("racily clean"):
+// it is read again next time, until it has been still for that long. Two
+// seconds: the coarsest stamps in use (FAT) tick every two.
+constexpr long racy_window_sec = 2;
+
+struct resolver_snapshot {
+    bool valid = false;
+    struct stat id {};
+    DNS_LOCAL_SERVER_S rec{}; // rec.pstDnsServer is the snapshot's own (new[])
+    bool search_set = false;  // a domain or search line set the suffixes
+};
+
+pthread_mutex_t g_snapshot_mutex = PTHREAD_MUTEX_INITIALIZER;
+resolver_snapshot g_snapshot; // guarded by g_snapshot_mutex
+
+const int g_snapshot_atfork = pthread_atfork([] { (void)pthread_mutex_lock(&g_snapshot_mutex); },
+                                             [] { (void)pthread_mutex_unlock(&g_snapshot_mutex); },
+                                             [] { (void)pthread_mutex_unlock(&g_snapshot_mutex); });
+
+bool same_time(const timespec &a, const timespec &b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; }
+
+bool same_file(const struct stat &a, const struct stat &b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+           same_time(a.st_mtim, b.st_mtim) && same_time(a.st_ctim, b.st_ctim);
+}
+
+// True when the file was changed less than racy_window_sec before `now`
+// (or after it: a clock set back).
+bool racily_clean(const struct stat &st, const timespec &now) {
+    const timespec &last = st.st_ctim.tv_sec > st.st_mtim.tv_sec ||
+                                   (st.st_ctim.tv_sec == st.st_mtim.tv_sec && st.st_ctim.tv_nsec > st.st_mtim.tv_nsec)
+                               ? st.st_ctim
+                               : st.st_mtim;
+    return now.tv_sec < last.tv_sec || now.tv_sec - last.tv_sec <= racy_window_sec;
+}
+
+void drop_snapshot_locked() {
+    delete[] g_snapshot.rec.pstDnsServer;
+    g_snapshot = resolver_snapshot{};
+}
+
+// A record nothing was read into yet: what the snapshot describes. Reading
+// into a record that already holds servers appends to them, so that is
+// always a real read.
+bool is_fresh(const DNS_LOCAL_SERVER_S *rec) {
+    return rec->pstDnsServer == nullptr && rec->ulDnsServers == 0;
+}
+
+// Copies the snapshot into `rec` when it describes the file `st` shows.
+// Returns false when it does not (or the copy cannot be allocated).
+bool take_snapshot(const struct stat &st, DNS_LOCAL_SERVER_S *rec) {
+    (void)pthread_mutex_lock(&g_snapshot_mutex);
+    bool taken = false;
+    if (g_snapshot.valid && same_file(st, g_snapshot.id)) {
+        const uint32_t n = g_snapshot.rec.ulDnsServers;
+        auto *servers = static_cast<DNS_IPADDR_S *>(VEK_MALLOC(sizeof(DNS_IPADDR_S) * size_t{n}));
+        if (servers != nullptr) {
+            std::memcpy(servers, g_snapshot.rec.pstDnsServer, sizeof(DNS_IPADDR_S) * size_t{n});
+            rec->pstDnsServer = servers;
+            rec->ulDnsServers = n;
+            if (g_snapshot.search_set) {
+                std::memcpy(rec->szSearchDomain, g_snapshot.rec.szSearchDomain, sizeof(rec->szSearchDomain));
+                for (size_t i = 0; i < DNS_MAX_SEARCH_DOMAIN; ++i) {
+                    const char *p = g_snapshot.rec.apszSearchDomain[i];
+                    rec->apszSearchDomain[i] =
+                        p == nullptr ? nullptr : rec->szSearchDomain + (p - g_snapshot.rec.szSearchDomain);
+                }
+            }
+            taken = true;
+        }
+    }
+    (void)pthread_mutex_unlock(&g_snapshot_mutex);
+    return taken;
+}
+
+// Keeps what a read into a fresh record gave, unless the file is racily
+// clean. Not from the platform allocator: the snapshot outlives every call.
+void keep_snapshot(const struct stat &st, const timespec &now, const DNS_LOCAL_SERVER_S *rec,
+                   bool search_set) {
+    (void)pthread_mutex_lock(&g_snapshot_mutex);
+    drop_snapshot_locked();
+    if (!racily_clean(st, now)) {
+        auto *servers = new (std::nothrow) DNS_IPADDR_S[rec->ulDnsServers];
+        if (servers != nullptr) {
+            std::memcpy(servers, rec->pstDnsServer, sizeof(DNS_IPADDR_S) * size_t{rec->ulDnsServers});
+            g_snapshot.rec = *rec;
+            g_snapshot.rec.pstDnsServer = servers;
+            for (size_t i = 0; i < DNS_MAX_SEARCH_DOMAIN; ++i) {
+                const char *p = rec->apszSearchDomain[i];
+                g_snapshot.rec.apszSearchDomain[i] =
+                    p == nullptr ? nullptr : g_snapshot.rec.szSearchDomain + (p - rec->szSearchDomain);
+            }
+            g_snapshot.id = st;
+            g_snapshot.search_set = search_set;
+            g_snapshot.valid = true;
+        }
+    }
+    (void)pthread_mutex_unlock(&g_snapshot_mutex);
+}
+
 } // namespace
 
 namespace vekdns::detail {
+
+void forget_resolver_snapshot() {
+    (void)pthread_mutex_lock(&g_snapshot_mutex);
+    drop_snapshot_locked();
+    (void)pthread_mutex_unlock(&g_snapshot_mutex);
+}
 
 // Appends one server to the record. When the array is full it grows to one
 // more entry, or with `doubling` to twice its `capacity` (discovery: one
@@ -207,6 +325,15 @@ VEK_DNS_API uint32_t DNS_LocateDnsServer(DNS_LOCAL_SERVER_S *pstLocalServer) {
     if (pstLocalServer == nullptr) {
         return DNS_ERR_PARA_INVALID;
     }
+    // The stat comes first: a change after it makes the next stat differ.
+    struct stat st {};
+    timespec now{};
+    const bool fresh = is_fresh(pstLocalServer);
+    const bool identified = fresh && stat(resolv_conf_path, &st) == 0 && clock_gettime(CLOCK_REALTIME, &now) == 0;
+    if (identified && take_snapshot(st, pstLocalServer)) {
+        return DNS_OK;
+    }
+    bool search_set = false;
     char line[line_buffer_size] = {};
     {
         resolv_file file;
@@ -243,9 +370,10 @@ VEK_DNS_API uint32_t DNS_LocateDnsServer(DNS_LOCAL_SERVER_S *pstLocalServer) {
                     return ret; // the array is already released
                 }
             } else if (std::strcmp(key, "domain") == 0) {
-                take_domain_line(pstLocalServer, &ctx);
+                search_set = take_domain_line(pstLocalServer, &ctx) || search_set;
             } else if (std::strcmp(key, "search") == 0) {
                 take_search_line(pstLocalServer, &ctx);
+                search_set = true;
             }
         }
     }
@@ -253,6 +381,9 @@ VEK_DNS_API uint32_t DNS_LocateDnsServer(DNS_LOCAL_SERVER_S *pstLocalServer) {
         DNS_FreeLocalServer(pstLocalServer);
         DNS_LOG(2, "locate dns server failed!\r\n");
         return DNS_ERR_NO_SERVER;
+    }
+    if (identified) {
+        keep_snapshot(st, now, pstLocalServer, search_set);
     }
     return DNS_OK;
 }

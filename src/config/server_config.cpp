@@ -6,6 +6,7 @@
 #include "base/sem_guard.h"
 #include "base/text_file.h"
 #include "config/cache_params.h"
+#include "config/discovery.h"
 
 using namespace vekdns::detail;
 
@@ -210,7 +211,9 @@ VEK_DNS_API uint32_t DNS_SetServer(uint32_t ulIndex, const DNS_SERVER_S *pstServ
             return DNS_ERR_WRITE_FILE;
         }
     }
-    return temp.commit(conf, resolv_conf_path);
+    const uint32_t ret = temp.commit(conf, resolv_conf_path);
+    forget_resolver_snapshot();
+    return ret;
 }
 
 VEK_DNS_API uint32_t DNS_GetServer(uint32_t ulIndex, DNS_SERVER_S *pstServer) {

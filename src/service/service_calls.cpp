@@ -1,6 +1,7 @@
 // The exported service calls: asynchronous (one worker per request: SRV
 // memory cache, else the query driver; target completion; cache store),
-// blocking, and blocking with the addresses as text.
+// blocking (the same request, run on the calling thread), and blocking with
+// the addresses as text.
 #include <cstring>
 
 #include "base/secure_log.h"
@@ -194,14 +195,14 @@ void render(const DNS_SRV_RR_S &rr, DNS_SRV_RR_STR_S *out) {
     log_secure_failure(strcpy_s(out->szTarget, target_size, rr.szTarget));
 }
 
-} // namespace
+// Where an accepted request runs: on a worker, or on the calling thread
+// before the call returns (the blocking call: its completion function is the
+// library's own and it waits anyway, so a hand-off would only add switches).
+enum class run_on { worker, caller };
 
-extern "C" {
-
-VEK_DNS_API uint32_t ORV_NETB_DnsGetSrvByAsynResolve(const char *pszService, const char *pszProto,
-                                                     const char *pszDomain, int32_t ulTimeOutSec,
-                                                     int32_t ulRRCount, DNS_SRV_CALLBACK_PFN pfnCallback,
-                                                     void *pUserData) {
+uint32_t accept_request(const char *pszService, const char *pszProto, const char *pszDomain,
+                        int32_t ulTimeOutSec, int32_t ulRRCount, DNS_SRV_CALLBACK_PFN pfnCallback,
+                        void *pUserData, run_on where) {
     if (pszService == nullptr || pszProto == nullptr || pszDomain == nullptr) {
         return DNS_ERR_SRV_NAME;
     }
@@ -226,12 +227,28 @@ VEK_DNS_API uint32_t ORV_NETB_DnsGetSrvByAsynResolve(const char *pszService, con
     req->ulTimeOutSec = static_cast<uint32_t>(ulTimeOutSec);
     req->pfnCallback = pfnCallback;
     req->pUserData = pUserData;
+    if (where == run_on::caller) {
+        (void)DNS_SrvAsynThread(req);
+        return DNS_OK;
+    }
     if (!vekdns::detail::start_worker(run_request, req)) {
         VEK_FREE(req);
         DNS_LOG(3, "PAL_PthreadCreate fail.lRet is %d", -1);
         return DNS_ERR_CREATE_THREAD;
     }
     return DNS_OK;
+}
+
+} // namespace
+
+extern "C" {
+
+VEK_DNS_API uint32_t ORV_NETB_DnsGetSrvByAsynResolve(const char *pszService, const char *pszProto,
+                                                     const char *pszDomain, int32_t ulTimeOutSec,
+                                                     int32_t ulRRCount, DNS_SRV_CALLBACK_PFN pfnCallback,
+                                                     void *pUserData) {
+    return accept_request(pszService, pszProto, pszDomain, ulTimeOutSec, ulRRCount, pfnCallback, pUserData,
+                          run_on::worker);
 }
 
 VEK_DNS_API void *DNS_SrvAsynThread(void *pstSrvAsyn) {
@@ -280,8 +297,8 @@ VEK_DNS_API uint32_t ORV_NETB_DnsGetSrvBySynResolve(const char *pszService, cons
     }
     DNS_SRV_RESULT_S res{pstRR, 0xFFFFFFFFu, 0, &lock};
     lock_until_taken(&lock);
-    const uint32_t ret = ORV_NETB_DnsGetSrvByAsynResolve(pszService, pszProto, pszDomain, syn_timeout_sec,
-                                                         static_cast<int32_t>(*pulRRCount), syn_srv_done, &res);
+    const uint32_t ret = accept_request(pszService, pszProto, pszDomain, syn_timeout_sec,
+                                        static_cast<int32_t>(*pulRRCount), syn_srv_done, &res, run_on::caller);
     if (ret != DNS_OK) {
         DNS_LOG(3, "ORV_NETB_DnsGetSrvByAsynResolve  lRet: %x", ret);
         (void)DNS_UnLock(&lock);
