@@ -1,6 +1,9 @@
 // Name-server discovery: the servers and search suffixes of /etc/resolv.conf,
 // looked at afresh for every query: read, or taken from the snapshot of the
 // last read while a stat shows the very same, unchanged file.
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -115,11 +118,12 @@ bool first_server_usable(const DNS_LOCAL_SERVER_S *rec) {
 // came from: device, inode, size, and the modification and change times to
 // the nanosecond. Any rewrite in place or by rename changes one of them,
 // with one exception: a rewrite within the same timestamp tick as the
-// previous one, of the same size. So a file changed less than racy_window
-// before the stat that preceded its read is never reused ("racily clean"):
-// it is read again next time, until it has been still for that long. Two
-// seconds: the coarsest stamps in use (FAT) tick every two.
-constexpr long racy_window_sec = 2;
+// previous one, of the same size. So a file changed less than the racy
+// window before the stat that preceded its read is never reused ("racily
+// clean"): it is read again next time, until it has been still for that
+// long. Two seconds: the coarsest stamps in use (FAT) tick every two.
+constexpr int64_t default_racy_window_ns = 2'000'000'000;
+std::atomic<int64_t> g_racy_window_ns{default_racy_window_ns};
 
 struct resolver_snapshot {
     bool valid = false;
@@ -142,14 +146,13 @@ bool same_file(const struct stat &a, const struct stat &b) {
            same_time(a.st_mtim, b.st_mtim) && same_time(a.st_ctim, b.st_ctim);
 }
 
-// True when the file was changed less than racy_window_sec before `now`
+int64_t ns_of(const timespec &t) { return int64_t{t.tv_sec} * 1'000'000'000 + t.tv_nsec; }
+
+// True when the file was changed less than the racy window before `now`
 // (or after it: a clock set back).
 bool racily_clean(const struct stat &st, const timespec &now) {
-    const timespec &last = st.st_ctim.tv_sec > st.st_mtim.tv_sec ||
-                                   (st.st_ctim.tv_sec == st.st_mtim.tv_sec && st.st_ctim.tv_nsec > st.st_mtim.tv_nsec)
-                               ? st.st_ctim
-                               : st.st_mtim;
-    return now.tv_sec < last.tv_sec || now.tv_sec - last.tv_sec <= racy_window_sec;
+    const int64_t last = std::max(ns_of(st.st_mtim), ns_of(st.st_ctim));
+    return ns_of(now) - last < g_racy_window_ns.load(std::memory_order_relaxed);
 }
 
 void drop_snapshot_locked() {
@@ -224,6 +227,11 @@ void forget_resolver_snapshot() {
     (void)pthread_mutex_lock(&g_snapshot_mutex);
     drop_snapshot_locked();
     (void)pthread_mutex_unlock(&g_snapshot_mutex);
+}
+
+void set_resolver_racy_window(int64_t ns) {
+    g_racy_window_ns.store(ns < 0 ? default_racy_window_ns : ns, std::memory_order_relaxed);
+    forget_resolver_snapshot();
 }
 
 // Appends one server to the record. When the array is full it grows to one

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <semaphore.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -10,6 +11,7 @@
 
 #include "address/address_calls.h"
 #include "address/wire_internal.h"
+#include "config/discovery.h"
 #include "os_adapter/test_hooks.h"
 #include "support/dns_server.h"
 #include "support/sandbox.h"
@@ -168,6 +170,37 @@ TEST(Resolve, LiteralsSuffixLimitsAndTheLatestAttempt) {
     srv.on_query(
         [](const parsed_query &q) { return q.qname == "h.x" ? reply() : reply(msg::reply_to(q).rcode(3)); });
     EXPECT_EQ(resolve("h", DNS_SEARCH_TYPE_A).ret, DNS_ERR_TIMEOUT) << "the last try was not answered";
+}
+
+// The resolver file is honoured at every query: rewritten in place with the
+// same size within the same second, here and by another process, it is
+// read again. A file that has been still long enough is not read again.
+TEST(Resolve, EveryQuerySeesTheResolverFileAsItIsNow) {
+    scripted_server one("127.0.0.1"), two("127.0.0.2");
+    one.answer_a("h", {"10.0.0.1"});
+    two.answer_a("h", {"10.0.0.2"});
+    std::string seen;
+    for (const char *conf : {"nameserver 127.0.0.1\n", "nameserver 127.0.0.2\n", "child", "nameserver 127.0.0.2\n"}) {
+        if (std::strcmp(conf, "child") != 0) {
+            set_resolv_conf(conf);
+        } else if (const pid_t pid = fork(); pid == 0) {
+            set_resolv_conf("nameserver 127.0.0.1\n");
+            _exit(0);
+        } else {
+            ASSERT_EQ(waitpid(pid, nullptr, 0), pid);
+        }
+        seen += resolve("h", DNS_SEARCH_TYPE_A).found() + " ";
+    }
+    EXPECT_EQ(seen, "10.0.0.1/300 10.0.0.2/300 10.0.0.1/300 10.0.0.2/300 ");
+
+    vekdns::detail::set_resolver_racy_window(0); // as if the file had been still for long
+    const unsigned opens = calls(op::fopen);
+    seen = resolve("h", DNS_SEARCH_TYPE_A).found() + " " + resolve("h", DNS_SEARCH_TYPE_A).found();
+    EXPECT_EQ(calls(op::fopen), opens + 1) << "read once, then taken from the snapshot";
+    set_resolv_conf("nameserver 127.0.0.1\n\n"); // another size
+    seen += " " + resolve("h", DNS_SEARCH_TYPE_A).found();
+    vekdns::detail::set_resolver_racy_window(-1);
+    EXPECT_EQ(seen, "10.0.0.2/300 10.0.0.2/300 10.0.0.1/300");
 }
 
 // ---- the exported calls ---------------------------------------------------------------
