@@ -26,6 +26,7 @@ base/section-skips-post @@ src/base/sem_guard.h @@ (void)DNS_SemPost(&handle_); 
 base/version-cut-wrong @@ src/base/log.cpp @@ version_text, ulSize - 1); @@ version_text, ulSize);
 pal/fail-nth-off-by-one @@ src/os_adapter/test_hooks.cpp @@ call >= first && call <= last @@ call > first && call <= last
 pal/named-sem-stale-mapping @@ src/os_adapter/named_sem.cpp @@ m.dev == st.st_dev && m.ino == st.st_ino @@ m.dev == st.st_dev
+pal/unlink-without-mark @@ src/os_adapter/named_sem.cpp @@ __atomic_store_n(retire_mark(sem), retired_magic, __ATOMIC_RELEASE); @@ (void)retire_mark(sem);
 pal/strdup-no-terminator @@ src/os_adapter/pal.cpp @@ std::memcpy(copy, pszText, len + 1); @@ std::memcpy(copy, pszText, len); copy[len] = 'x';
 config/five-search-suffixes @@ src/config/discovery.cpp @@ for (size_t i = 0; i < DNS_MAX_SEARCH_DOMAIN; ++i) { @@ for (size_t i = 0; i + 1 < DNS_MAX_SEARCH_DOMAIN; ++i) {
 config/domain-keeps-search @@ src/config/discovery.cpp @@     clear_search(rec);<NL>    errno_t err = strncpy_s(rec->szSearchDomain @@     errno_t err = strncpy_s(rec->szSearchDomain

@@ -1,10 +1,16 @@
 // Opening a named semaphore costs a file open, a stat, a map and an unmap on
 // close. Callers open and close around every short critical section, so the
 // adapter keeps the mapping of the semaphore a name currently refers to and
-// hands it out again after checking (one stat of the name) that the name
-// still refers to the same object. A semaphore removed and created anew
-// (ORV_NETB_DnsSemUnLink in this or another process) has a new inode: the next
-// open maps the new one and closes idle mappings of the old one.
+// hands it out again while the name still refers to the same object.
+//
+// How an open knows that without a system call: removing a semaphore through
+// the adapter (PAL_SemUnLink, in this or any other process) first marks the
+// object as retired, in bytes of the semaphore object that the C library
+// leaves unused (see retire_mark below). Every process that maps the object
+// sees the mark at once. A marked mapping, or one whose name was last checked
+// more than recheck_ns ago (a semaphore removed by other means), costs one
+// stat of the name: a new inode means a new semaphore, which the open maps,
+// and idle mappings of the old one are closed.
 #include "os_adapter/named_sem.h"
 
 #include <cerrno>
@@ -30,7 +36,31 @@ struct mapping {
     int flags; // what it was opened with, to follow the name to a new one
     mode_t mode;
     unsigned value;
+    int64_t checked_ns; // monotonic time the name was last seen to refer to it
 };
+
+// The C library's semaphore is a 32-byte object of which it uses the first
+// 16 (a 64-bit counter word and a private flag, padding cleared on creation);
+// the last 8 bytes carry the retired mark. Only the adapter writes there,
+// once, just before it removes the name.
+constexpr uint64_t retired_magic = 0x5645'4b52'4554'4952ULL; // "VEKRETIR"
+constexpr std::size_t retire_mark_offset = sizeof(sem_t) - sizeof(uint64_t);
+static_assert(sizeof(sem_t) == 32 && retire_mark_offset >= 16, "semaphore layout");
+
+uint64_t *retire_mark(sem_t *sem) {
+    return reinterpret_cast<uint64_t *>(reinterpret_cast<unsigned char *>(sem) + retire_mark_offset);
+}
+
+bool is_retired(sem_t *sem) { return __atomic_load_n(retire_mark(sem), __ATOMIC_ACQUIRE) == retired_magic; }
+
+// A name removed by other means than the adapter is noticed within this.
+constexpr int64_t recheck_ns = 1'000'000'000;
+
+int64_t monotonic_ns() {
+    timespec t{};
+    (void)clock_gettime(CLOCK_MONOTONIC, &t);
+    return int64_t{t.tv_sec} * 1'000'000'000 + t.tv_nsec;
+}
 
 // Process-wide and never destroyed: a thread still running at exit (or
 // after the library was unloaded) never meets a destroyed table.
@@ -87,10 +117,18 @@ sem_t *open_with_mode(const char *name, int flags, mode_t mode, unsigned value) 
 
 sem_t *named_sem_open(const char *name, int flags, mode_t mode, unsigned value) {
     std::lock_guard<std::mutex> lock(g_mutex);
+    const int64_t now = monotonic_ns();
+    for (mapping &m : g_mappings) {
+        if (m.name == name && m.ino != 0 && now - m.checked_ns < recheck_ns && !is_retired(m.sem)) {
+            ++m.users;
+            return m.sem;
+        }
+    }
     struct stat st {};
     if (identify(name, &st)) {
         for (mapping &m : g_mappings) {
             if (m.name == name && m.dev == st.st_dev && m.ino == st.st_ino) {
+                m.checked_ns = now;
                 ++m.users;
                 return m.sem;
             }
@@ -119,11 +157,27 @@ sem_t *named_sem_open(const char *name, int flags, mode_t mode, unsigned value) 
             ++m.users;
             m.dev = st.st_dev;
             m.ino = st.st_ino;
+            m.checked_ns = now;
             return sem;
         }
     }
-    g_mappings.push_back(mapping{name, st.st_dev, st.st_ino, sem, 1, flags, mode, value});
+    g_mappings.push_back(mapping{name, st.st_dev, st.st_ino, sem, 1, flags, mode, value, now});
     return sem;
+}
+
+int named_sem_unlink(const char *name) {
+    if (name == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    // Mark the object the name refers to now, then remove the name: every
+    // process that maps it follows the name at its next open.
+    sem_t *sem = sem_open(name, 0);
+    if (sem != SEM_FAILED) {
+        __atomic_store_n(retire_mark(sem), retired_magic, __ATOMIC_RELEASE);
+        (void)sem_close(sem);
+    }
+    return sem_unlink(name);
 }
 
 namespace {

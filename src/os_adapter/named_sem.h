@@ -12,6 +12,8 @@ sem_t *named_sem_open(const char *name, int flags, mode_t mode, unsigned value);
 // Releases one handle from named_sem_open (and what a wait moved it to in
 // this thread); 0 or -1 like sem_close.
 int named_sem_close(sem_t *sem);
+// sem_unlink, after marking the object so that its users follow the name.
+int named_sem_unlink(const char *name);
 
 // Waits on a semaphore, named or not, in bounded slices. Between slices a
 // named one is checked against its name: when the name now refers to another

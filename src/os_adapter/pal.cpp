@@ -258,7 +258,7 @@ int PAL_SemUnLink(const char *pszName) {
     if (should_fail(op::sem_unlink)) {
         return -1;
     }
-    return sem_unlink(pszName);
+    return vekdns::pal::named_sem_unlink(pszName);
 }
 
 int PAL_SemInit(void *pSem, int lShared, uint32_t ulValue) {
