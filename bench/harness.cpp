@@ -729,6 +729,9 @@ void run_batch(batch_case &c, const std::vector<std::string> &names, const respo
 // ---- report ------------------------------------------------------------------------------------
 
 std::string ratio_text(double r) {
+    if (r <= 0) {
+        return "n/a"; // a side of the ratio was not measured in this run
+    }
     char buf[32];
     std::snprintf(buf, sizeof(buf), "%.2fx", r);
     return buf;
