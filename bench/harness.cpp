@@ -18,7 +18,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <chrono>
 #include <cstring>
+#include <thread>
 #include <fstream>
 #include <memory>
 #include <mutex>
@@ -116,6 +118,10 @@ void isolate() {
     private_file("/etc/hosts", "127.0.0.1 localhost\n::1 localhost\n");
     // Both peers and our library read this one; ours ignores the options line.
     vekdns::test::set_resolv_conf("nameserver 127.0.0.1\noptions attempts:1 timeout:2\n");
+    // A resolver file changed within the last two seconds is read again at
+    // every query (its stamps cannot yet tell a same-size rewrite apart).
+    // Real ones are older: let this one settle before anything is measured.
+    std::this_thread::sleep_for(std::chrono::milliseconds(2100));
 }
 
 // ---- wire helpers (raw client and responder) ---------------------------------------------
