@@ -1,7 +1,7 @@
 // (4) breakdown of our cold path: DNS_Resolve and its two halves (resolver
 // file, wire), the call layer around a literal, the memory cache small and
 // grown by a burst, and for scale a named-semaphore section, a thread create,
-// a generic thread hand-off; then a new thread per request, and a burst with
+// a generic thread hand-off; then a burst with
 // enough parked workers for its window.
 #include <arpa/inet.h>
 #include <pthread.h>
@@ -87,7 +87,7 @@ private:
 breakdown_scenario::breakdown_scenario(const context &c)
     : ctx(c), literal{"vek_dns", "", [](const char *) { return ours_blocking_literal(); },
                       [] { ORV_NETB_DnsCleanBuffer(); }, 'l'},
-      no_reuse{"vek_dns", "", ours_blocking, [] { ORV_NETB_DnsCleanBuffer(); }, 'n'},
+
       pool("vek_dns", "", nullptr) {}
 
 void breakdown_scenario::measure() {
@@ -185,15 +185,11 @@ void breakdown_scenario::measure() {
     ORV_NETB_DnsCleanBuffer();
 
     // The call layer by itself: a literal needs neither the resolver file nor
-    // the network, but takes the same road through cache, worker and
-    // completion lock.
+    // the network, but takes the same road through cache and completion lock.
     run_serial(b.literal, cfg.breakdown, srv, true);
 
-    // The cold call with a new thread for every request, then asynchronous
-    // requests with enough parked workers for the whole window.
+    // Asynchronous requests with enough parked workers for the whole window.
     const unsigned saved_reuse = vekdns::detail::worker_reuse();
-    vekdns::detail::set_worker_reuse(0);
-    run_serial(b.no_reuse, cfg.breakdown / 2, srv, true);
     vekdns::detail::set_worker_reuse(2 * cfg.async_window);
     b.pool.run = [&cfg](const std::vector<std::string> &n) { return ours_async(n, cfg.async_window); };
     b.pool.ours = true;
@@ -217,7 +213,7 @@ void breakdown_scenario::report(const cold_scenario *cold) const {
     row("    DNS_LocateDnsServer + DNS_FreeLocalServer (resolv.conf read)", quantile(discovery, 0.5), "");
     row("    DNS_Query + select + DNS_Read + close (the wire)", quantile(wire, 0.5), "");
     row("  call layer: blocking call for an address literal, cache emptied", literal.median(),
-        "no resolver file, no network: 2 semaphore sections, cache, worker hand-off, completion");
+        "no resolver file, no network: 2 semaphore sections, cache, completion lock, all on the caller");
     row("    thread hand-off and back (condvar wake, semaphore reply)", quantile(handoff, 0.5),
         "a generic pair of thread switches, for scale");
     row("    memory cache: store into an emptied cache (create + entry)", quantile(store, 0.5), "");
@@ -228,7 +224,6 @@ void breakdown_scenario::report(const cold_scenario *cold) const {
         "... and in the worker (eviction walk finds no candidate)");
     row("one named-semaphore section (DNS_SemOpen/Wait/Post/Close)", quantile(sem, 0.5), "");
     row("one thread create + join (pthread)", quantile(thread, 0.5), "");
-    row("cold call with worker reuse off (a new thread per request)", no_reuse.median(), "");
     const unsigned names = ctx.cfg.async_names;
     char note[96];
     std::snprintf(note, sizeof(note), "%.0f req/s, %.2f threads/req, failed %u", pool.per_sec(names),

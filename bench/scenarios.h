@@ -73,7 +73,7 @@ struct breakdown_scenario {
 
     const context &ctx;
     std::vector<double> resolve, discovery, wire, sem, thread, handoff, store, lookup, big_miss, big_store;
-    serial_case literal, no_reuse;
+    serial_case literal;
     batch_case pool;
 };
 
