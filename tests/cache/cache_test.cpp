@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <sstream>
 #include <string>
 
 #include "os_adapter/test_hooks.h"
@@ -77,6 +78,40 @@ TEST(MemoryCache, FullCacheEvictsTheOldestOfAnEarlierSecond) {
                     : std::to_string(i);
     }
     EXPECT_EQ(gone, "1") << "among equal stamps the newest of them goes";
+}
+
+// Names evicted store by store (40 stores, clock 1000 + i / per_second, set
+// back by `back` seconds from store `at` on), then the entry count.
+TEST(MemoryCache, EvictionOrderPast32EntriesAndAcrossAClockStep) {
+    struct row { uint32_t per_second, at, back; const char *want; } rows[] = {
+        {2, 40, 0, "n1 n0 n3 n2 n5 n4 n7 n6 | 32"},
+        {40, 40, 0, "| 40"}, // one second: nothing is older than now
+        {3, 20, 5, "n2 n1 n0 n20 n5 n4 n3 n23 | 32"}, // stamps out of list order
+        {1, 34, 40, "n0 n1 n34 n35 n36 n37 n38 | 33"}, // set back behind every entry
+        {4, 36, 1, "n3 n2 n1 n0 n7 n6 n5 n4 | 32"},
+        {8, 16, 1, "n7 n6 n5 n4 n3 n2 n1 n0 | 32"},
+    };
+    auto names = [] {
+        std::string all = " ";
+        for (auto *it = pstDNSCache->pstCacheFirst->pstNext; it != pstDNSCache->pstCacheFirst; it = it->pstNext) {
+            all += std::string(it->pszName) + " ";
+        }
+        return all;
+    };
+    for (const row &r : rows) {
+        ORV_NETB_DnsCleanBuffer();
+        std::string out;
+        for (uint32_t i = 0; i < 40; ++i) {
+            set_clock(1000 + i / r.per_second - (i >= r.at ? r.back : 0));
+            const std::string was = pstDNSCache != nullptr ? names() : "";
+            ASSERT_EQ(DNS_SetIpToCache(("n" + std::to_string(i)).c_str(), 600, addr("10.0.0.1")), DNS_OK);
+            std::istringstream in(was);
+            for (std::string n; in >> n;) {
+                out += names().find(" " + n + " ") == std::string::npos ? n + " " : "";
+            }
+        }
+        EXPECT_EQ(out + "| " + std::to_string(pstDNSCache->ulRecords), r.want) << r.per_second << " " << r.at;
+    }
 }
 
 // Address files: exact lines on creation and on every store after it.
