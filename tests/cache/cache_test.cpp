@@ -61,6 +61,9 @@ TEST(MemoryCache, LiveWhileTheAgeIsAtMostTheLimitNewestFirst) {
     EXPECT_EQ(get_ip(DNS_GetIpFromCache, "many", 0),
               "0 10.0.1.11 10.0.1.10 10.0.1.9 10.0.1.8 10.0.1.7 10.0.1.6 "
               "10.0.1.5 10.0.1.4 10.0.1.3 10.0.1.2");
+    dnsDestoryCacheItem(pstDNSCache->pstCacheFirst->pstNext); // through the export: the index follows
+    EXPECT_EQ(get_ip(DNS_GetIpFromCache, "many", 0),
+              "0 10.0.1.10 10.0.1.9 10.0.1.8 10.0.1.7 10.0.1.6 10.0.1.5 10.0.1.4 10.0.1.3 10.0.1.2 10.0.1.1");
 }
 
 TEST(MemoryCache, FullCacheEvictsTheOldestOfAnEarlierSecond) {
