@@ -221,6 +221,9 @@ void index_insert(cache_index *idx, DNS_CACHE_ITEM_S *item) {
 
 // `item` is about to be unlinked and destroyed.
 void index_erase(cache_index *idx, DNS_CACHE_ITEM_S *item) {
+    if (item->pszName == nullptr) {
+        return; // never indexed
+    }
     uint32_t *link = &idx->buckets[name_hash(item->pszName) & idx->bucket_mask];
     while (*link != no_node && idx->nodes[*link].item != item) {
         link = &idx->nodes[*link].next;
