@@ -146,22 +146,16 @@ TEST(Adapter, ConversionsAccountingSwitchesAndClock) {
     EXPECT_EQ(PAL_GetSysTimeSec(), 1059u);
 }
 
-// 200 jobs that wait for a gate: five thread starts fail and queue (workers
-// are alive), at most 64 threads, the rest queue, each job runs once; workers
-// busy together stay parked after; with none alive a failed start refuses.
+// 200 gated jobs: five failed thread starts queue, at most 64 threads, each job
+// runs once, more than 8 stay parked after; with none alive a start refuses.
 TEST(WorkerPool, BurstPastTheThreadBoundQueuesAndEveryJobRunsOnce) {
     namespace wp = vekdns::detail;
     static std::atomic<bool> gate{false};
     static std::atomic<int> runs[201];
-    auto job = [](void *arg) {
-        gate.wait(false);
-        static_cast<std::atomic<int> *>(arg)->fetch_add(1);
-    };
+    auto job = [](void *arg) { gate.wait(false), static_cast<std::atomic<int> *>(arg)->fetch_add(1); };
     std::string seen;
     for (int i = 0; i < 200; ++i) {
-        if (i == 10) {
-            pt::fail_nth(pt::op::thread_create, 1, 5);
-        }
+        i == 10 ? pt::fail_nth(pt::op::thread_create, 1, 5) : void();
         seen += wp::start_worker(job, &runs[i]) ? "" : " refused " + std::to_string(i);
     }
     seen += " threads<=64 " + std::to_string(wp::worker_threads() <= 64);
