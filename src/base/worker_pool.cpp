@@ -59,8 +59,8 @@ unsigned g_queue_size = 0;
 unsigned g_queue_head = 0;
 unsigned g_queue_len = 0;
 std::atomic<unsigned> g_in_flight{0};
-bool g_stopping = false;  // no more parking
-unsigned g_leaving = 0;   // told to quit, not yet out
+bool g_stopping = false; // no more parking
+unsigned g_leaving = 0;  // told to quit, not yet out
 pthread_cond_t g_left = PTHREAD_COND_INITIALIZER;
 pthread_once_t g_fork_once = PTHREAD_ONCE_INIT;
 
@@ -82,7 +82,9 @@ void pool_child_fork() {
 }
 void register_fork_handlers() { (void)pthread_atfork(pool_prepare_fork, pool_parent_fork, pool_child_fork); }
 
-unsigned busy_workers() { return g_running + g_starting - g_parked_count; }
+unsigned busy_workers() {
+    return g_running + g_starting - g_parked_count;
+}
 
 void note_busy() {
     const unsigned busy = busy_workers();

@@ -237,9 +237,8 @@ void index_erase(cache_index *idx, DNS_CACHE_ITEM_S *item) {
     idx->free_node = n;
     if (idx->candidate == item) {
         const DNS_CACHE_ITEM_S *older = item->pstNext;
-        idx->candidate = older != idx->sentinel && older->ulTimeStamp == item->ulTimeStamp
-                             ? item->pstNext
-                             : nullptr;
+        idx->candidate =
+            older != idx->sentinel && older->ulTimeStamp == item->ulTimeStamp ? item->pstNext : nullptr;
     }
     if (--idx->used == 0) {
         idx->sorted = true;

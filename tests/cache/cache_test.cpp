@@ -6,6 +6,7 @@
 #include <cstring>
 #include <sstream>
 #include <string>
+#include <tuple>
 
 #include "os_adapter/test_hooks.h"
 #include "support/sandbox.h"
@@ -86,24 +87,25 @@ TEST(MemoryCache, FullCacheEvictsTheOldestOfAnEarlierSecond) {
 // Names evicted store by store (40 stores, clock 1000 + i / per_second, set
 // back by `back` seconds from store `at` on), then the entry count.
 TEST(MemoryCache, EvictionOrderPast32EntriesAndAcrossAClockStep) {
-    struct row { uint32_t per_second, at, back; const char *want; } rows[] = {
+    const std::tuple<uint32_t, uint32_t, uint32_t, const char *> rows[] = {
         {2, 40, 0, "n1 n0 n3 n2 n5 n4 n7 n6 | 32"},
-        {40, 40, 0, "| 40"}, // one second: nothing is older than now
-        {3, 20, 5, "n2 n1 n0 n20 n5 n4 n3 n23 | 32"}, // stamps out of list order
+        {40, 40, 0, "| 40"},                           // one second: nothing is older than now
+        {3, 20, 5, "n2 n1 n0 n20 n5 n4 n3 n23 | 32"},  // stamps out of list order
         {1, 34, 40, "n0 n1 n34 n35 n36 n37 n38 | 33"}, // set back behind every entry
     };
     auto names = [] {
         std::string all = " ";
-        for (auto *it = pstDNSCache->pstCacheFirst->pstNext; it != pstDNSCache->pstCacheFirst; it = it->pstNext) {
+        for (auto *it = pstDNSCache->pstCacheFirst->pstNext; it != pstDNSCache->pstCacheFirst;
+             it = it->pstNext) {
             all += std::string(it->pszName) + " ";
         }
         return all;
     };
-    for (const row &r : rows) {
+    for (auto [per_second, at, back, want] : rows) {
         ORV_NETB_DnsCleanBuffer();
         std::string out;
         for (uint32_t i = 0; i < 40; ++i) {
-            set_clock(1000 + i / r.per_second - (i >= r.at ? r.back : 0));
+            set_clock(1000 + i / per_second - (i >= at ? back : 0));
             const std::string was = pstDNSCache != nullptr ? names() : "";
             ASSERT_EQ(DNS_SetIpToCache(("n" + std::to_string(i)).c_str(), 600, addr("10.0.0.1")), DNS_OK);
             std::istringstream in(was);
@@ -111,7 +113,7 @@ TEST(MemoryCache, EvictionOrderPast32EntriesAndAcrossAClockStep) {
                 out += names().find(" " + n + " ") == std::string::npos ? n + " " : "";
             }
         }
-        EXPECT_EQ(out + "| " + std::to_string(pstDNSCache->ulRecords), r.want) << r.per_second << " " << r.at;
+        EXPECT_EQ(out + "| " + std::to_string(pstDNSCache->ulRecords), want) << per_second << " " << at;
     }
 }
 
