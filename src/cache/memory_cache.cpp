@@ -6,6 +6,11 @@
 // Every caller of the façade holds the named semaphore (the outer lock) around
 // its calls: that is what makes the lazy creation of a head, the full test
 // before eviction and the destruction of the heads safe.
+//
+// Beside each list runs an index (below), so that a look-up and a store stay
+// O(1) when a burst of one second grows a cache far past its 32 entries: a
+// hash of the names, and what eviction needs to answer without a walk. The
+// index never decides anything the list walk would decide differently.
 #include <cerrno>
 #include <cstdint>
 #include <initializer_list>
@@ -32,6 +37,228 @@ inline bool is_live(const DNS_CACHE_HEAD_S *head, const DNS_CACHE_ITEM_S *item, 
     return PAL_GetSysTimeSec() - item->ulTimeStamp <= age_limit(head, ttl);
 }
 
+// ---- the index of one cache list ------------------------------------------
+//
+// Keyed by the list's sentinel (the public records keep their layout), kept
+// in a small registry. Nodes live in one array with a free list and chain the
+// entries of a bucket; a store links its node at the front of its chain, so
+// the entries of one name come out of a chain in list order, newest first.
+// The arrays grow by doubling and are freed with the list; the index is made
+// at the first store into a list and changed only under the head's lock, like
+// the list itself.
+//
+// Eviction: while `sorted` holds (stamps never increase from the newest entry
+// to the oldest, which is what a clock that does not run back gives), the
+// entries with the smallest stamp are the run at the tail, and the one to
+// evict is the newest of that run, `candidate`, found once by walking the run
+// backwards and then followed as entries leave. "Nothing to evict" is then a
+// look at the tail. A store stamped before the newest entry (the clock went
+// back) clears `sorted`, and eviction walks the whole list as before until a
+// walk sees the order hold again.
+
+constexpr uint32_t no_node = 0xFFFFFFFFu;
+constexpr uint32_t first_capacity = 64; // nodes and buckets of a new index
+
+struct index_node {
+    DNS_CACHE_ITEM_S *item;
+    uint32_t hash;
+    uint32_t next; // next node of the chain, or of the free list
+};
+
+struct cache_index {
+    const DNS_CACHE_ITEM_S *sentinel;
+    cache_index *next_index; // registry chain
+    uint32_t *buckets;       // bucket_mask + 1 chain heads
+    uint32_t bucket_mask;
+    index_node *nodes;
+    uint32_t capacity;
+    uint32_t free_node;
+    uint32_t used;
+    bool sorted;
+    DNS_CACHE_ITEM_S *candidate; // while sorted: the entry eviction takes, or null (not known yet)
+};
+
+pthread_mutex_t g_index_mutex = PTHREAD_MUTEX_INITIALIZER;
+cache_index *g_indexes = nullptr; // guarded by g_index_mutex
+
+uint32_t name_hash(const char *name) {
+    uint32_t h = 2166136261u; // FNV-1a
+    for (const unsigned char *p = reinterpret_cast<const unsigned char *>(name); *p != 0; ++p) {
+        h = (h ^ *p) * 16777619u;
+    }
+    return h;
+}
+
+cache_index *index_of(const DNS_CACHE_ITEM_S *sentinel) {
+    (void)pthread_mutex_lock(&g_index_mutex);
+    cache_index *idx = g_indexes;
+    while (idx != nullptr && idx->sentinel != sentinel) {
+        idx = idx->next_index;
+    }
+    (void)pthread_mutex_unlock(&g_index_mutex);
+    return idx;
+}
+
+// Links nodes [from, capacity) into the free list.
+void free_nodes_from(cache_index *idx, uint32_t from) {
+    for (uint32_t n = idx->capacity; n-- > from;) {
+        idx->nodes[n].next = idx->free_node;
+        idx->free_node = n;
+    }
+}
+
+cache_index *index_create(const DNS_CACHE_ITEM_S *sentinel) {
+    auto *idx = static_cast<cache_index *>(VEK_MALLOC_ZERO(sizeof(cache_index)));
+    if (idx == nullptr) {
+        return nullptr;
+    }
+    idx->buckets = static_cast<uint32_t *>(VEK_MALLOC(sizeof(uint32_t) * first_capacity));
+    idx->nodes = static_cast<index_node *>(VEK_MALLOC(sizeof(index_node) * first_capacity));
+    if (idx->buckets == nullptr || idx->nodes == nullptr) {
+        VEK_FREE(idx->buckets);
+        VEK_FREE(idx->nodes);
+        VEK_FREE(idx);
+        return nullptr;
+    }
+    for (uint32_t b = 0; b < first_capacity; ++b) {
+        idx->buckets[b] = no_node;
+    }
+    idx->bucket_mask = first_capacity - 1;
+    idx->capacity = first_capacity;
+    idx->free_node = no_node;
+    free_nodes_from(idx, 0);
+    idx->sentinel = sentinel;
+    idx->sorted = true;
+    (void)pthread_mutex_lock(&g_index_mutex);
+    idx->next_index = g_indexes;
+    g_indexes = idx;
+    (void)pthread_mutex_unlock(&g_index_mutex);
+    return idx;
+}
+
+// Takes the index of `sentinel` out of the registry and frees it.
+void index_destroy(const DNS_CACHE_ITEM_S *sentinel) {
+    (void)pthread_mutex_lock(&g_index_mutex);
+    cache_index **pp = &g_indexes;
+    while (*pp != nullptr && (*pp)->sentinel != sentinel) {
+        pp = &(*pp)->next_index;
+    }
+    cache_index *idx = *pp;
+    if (idx != nullptr) {
+        *pp = idx->next_index;
+    }
+    (void)pthread_mutex_unlock(&g_index_mutex);
+    if (idx != nullptr) {
+        VEK_FREE(idx->buckets);
+        VEK_FREE(idx->nodes);
+        VEK_FREE(idx);
+    }
+}
+
+// Makes sure a node is free for the next insert; false when memory runs out.
+bool index_reserve(cache_index *idx) {
+    if (idx->free_node != no_node) {
+        return true;
+    }
+    const uint32_t grown = idx->capacity * 2;
+    auto *nodes = static_cast<index_node *>(VEK_MALLOC(sizeof(index_node) * grown));
+    if (nodes == nullptr) {
+        return false;
+    }
+    (void)memcpy_s(nodes, sizeof(index_node) * grown, idx->nodes, sizeof(index_node) * idx->capacity);
+    VEK_FREE(idx->nodes);
+    idx->nodes = nodes;
+    const uint32_t old = idx->capacity;
+    idx->capacity = grown;
+    free_nodes_from(idx, old);
+    return true;
+}
+
+// Doubles the buckets; each chain splits in two, keeping its order. Without
+// memory the chains just stay longer.
+void index_rehash(cache_index *idx) {
+    const uint32_t count = idx->bucket_mask + 1;
+    auto *buckets = static_cast<uint32_t *>(VEK_MALLOC(sizeof(uint32_t) * count * 2));
+    if (buckets == nullptr) {
+        return;
+    }
+    for (uint32_t b = 0; b < count; ++b) {
+        uint32_t *tail[2] = {&buckets[b], &buckets[b + count]};
+        for (uint32_t n = idx->buckets[b]; n != no_node; n = idx->nodes[n].next) {
+            uint32_t **t = &tail[(idx->nodes[n].hash & count) != 0 ? 1 : 0];
+            **t = n;
+            *t = &idx->nodes[n].next;
+        }
+        *tail[0] = no_node;
+        *tail[1] = no_node;
+    }
+    VEK_FREE(idx->buckets);
+    idx->buckets = buckets;
+    idx->bucket_mask = count * 2 - 1;
+}
+
+// `item` has just been linked in at the front of the list; a node is reserved.
+void index_insert(cache_index *idx, DNS_CACHE_ITEM_S *item) {
+    const uint32_t h = name_hash(item->pszName);
+    const uint32_t n = idx->free_node;
+    idx->free_node = idx->nodes[n].next;
+    idx->nodes[n] = index_node{item, h, idx->buckets[h & idx->bucket_mask]};
+    idx->buckets[h & idx->bucket_mask] = n;
+    const DNS_CACHE_ITEM_S *older = item->pstNext;
+    if (older == idx->sentinel) {
+        idx->sorted = true; // alone in the list
+        idx->candidate = nullptr;
+    } else if (item->ulTimeStamp < older->ulTimeStamp) {
+        idx->sorted = false;
+        idx->candidate = nullptr;
+    } else if (idx->candidate != nullptr && item->ulTimeStamp == idx->candidate->ulTimeStamp) {
+        idx->candidate = item; // the whole list is one second: the newest of it goes first
+    }
+    if (++idx->used > idx->bucket_mask + 1) {
+        index_rehash(idx);
+    }
+}
+
+// `item` is about to be unlinked and destroyed.
+void index_erase(cache_index *idx, DNS_CACHE_ITEM_S *item) {
+    if (item->pszName == nullptr) {
+        return; // never indexed
+    }
+    uint32_t *link = &idx->buckets[name_hash(item->pszName) & idx->bucket_mask];
+    while (*link != no_node && idx->nodes[*link].item != item) {
+        link = &idx->nodes[*link].next;
+    }
+    if (*link == no_node) {
+        return;
+    }
+    const uint32_t n = *link;
+    *link = idx->nodes[n].next;
+    idx->nodes[n].next = idx->free_node;
+    idx->free_node = n;
+    if (idx->candidate == item) {
+        const DNS_CACHE_ITEM_S *older = item->pstNext;
+        idx->candidate =
+            older != idx->sentinel && older->ulTimeStamp == item->ulTimeStamp ? item->pstNext : nullptr;
+    }
+    if (--idx->used == 0) {
+        idx->sorted = true;
+        idx->candidate = nullptr;
+    }
+}
+
+// The next entry named `name` from the chain at *cursor, which moves past it
+// (so the caller may destroy the entry it got); null at the end.
+DNS_CACHE_ITEM_S *next_named(const cache_index *idx, uint32_t *cursor, uint32_t h, const char *name) {
+    while (*cursor != no_node) {
+        const index_node &node = idx->nodes[*cursor];
+        *cursor = node.next;
+        if (node.hash == h && PAL_StrCmp(node.item->pszName, name) == 0) {
+            return node.item;
+        }
+    }
+    return nullptr;
+}
+
 inline void unlink_item(DNS_CACHE_ITEM_S *item) {
     if (item->pstPrev != nullptr) {
         item->pstPrev->pstNext = item->pstNext;
@@ -43,11 +270,65 @@ inline void unlink_item(DNS_CACHE_ITEM_S *item) {
     item->pstPrev = nullptr;
 }
 
-// Destroys an entry met during a walk and keeps the count in step.
-inline void drop_item(DNS_CACHE_HEAD_S *head, DNS_CACHE_ITEM_S *item) {
-    dnsDestoryCacheItem(item);
+// Unlinks and frees an entry (the index is the caller's business).
+void free_item(DNS_CACHE_ITEM_S *item) {
+    unlink_item(item);
+    if (item->pstSrvRR != nullptr) {
+        VEK_FREE(item->pstSrvRR);
+    }
+    if (item->pulTtl != nullptr) {
+        VEK_FREE(item->pulTtl);
+    }
+    if (item->pszName != nullptr) {
+        VEK_FREE(item->pszName);
+    }
+    VEK_FREE(item);
+}
+
+// Destroys an entry of `head` (indexed by `idx` when not null) and keeps the
+// count in step.
+void drop_item(DNS_CACHE_HEAD_S *head, cache_index *idx, DNS_CACHE_ITEM_S *item) {
+    if (idx != nullptr) {
+        index_erase(idx, item);
+    }
+    free_item(item);
     if (head->ulRecords != 0) {
         head->ulRecords--;
+    }
+}
+
+// Takes back an entry just made by dnsAddItemToCache (not counted yet).
+void discard_new_item(const DNS_CACHE_HEAD_S *head, DNS_CACHE_ITEM_S *item) {
+    if (cache_index *idx = index_of(head->pstCacheFirst); idx != nullptr) {
+        index_erase(idx, item);
+    }
+    free_item(item);
+}
+
+// Calls visit(item) for the entries named `name`, newest first, until it
+// gives false; visit may destroy the entry it was given through drop_item.
+// A list without an index (nothing was ever stored through
+// dnsAddItemToCache) is walked.
+template <class Visit>
+void for_each_named(const DNS_CACHE_HEAD_S *head, const cache_index *idx, const char *name, Visit visit) {
+    if (idx != nullptr) {
+        const uint32_t h = name_hash(name);
+        uint32_t cursor = idx->buckets[h & idx->bucket_mask];
+        for (DNS_CACHE_ITEM_S *item = next_named(idx, &cursor, h, name); item != nullptr;
+             item = next_named(idx, &cursor, h, name)) {
+            if (!visit(item)) {
+                return;
+            }
+        }
+        return;
+    }
+    DNS_CACHE_ITEM_S *first = head->pstCacheFirst;
+    for (DNS_CACHE_ITEM_S *item = first->pstNext; item != first;) {
+        DNS_CACHE_ITEM_S *next = item->pstNext;
+        if (PAL_StrCmp(item->pszName, name) == 0 && !visit(item)) {
+            return;
+        }
+        item = next;
     }
 }
 
@@ -78,9 +359,11 @@ void lock_caches_for_fork() {
         while (head != nullptr && sem_wait(head->pstSem) != 0 && errno == EINTR) {
         }
     }
+    (void)pthread_mutex_lock(&g_index_mutex);
 }
 
 void unlock_caches_after_fork() {
+    (void)pthread_mutex_unlock(&g_index_mutex);
     for (DNS_CACHE_HEAD_S *head : {pstDNSSRVCache, pstDNSCache, pstDNSAAAACache}) {
         if (head != nullptr) {
             (void)sem_post(head->pstSem);
@@ -151,27 +434,29 @@ VEK_DNS_API void dnsDestoryCacheItem(DNS_CACHE_ITEM_S *pstItem) {
     if (pstItem == nullptr) {
         return;
     }
-    unlink_item(pstItem);
-    if (pstItem->pstSrvRR != nullptr) {
-        VEK_FREE(pstItem->pstSrvRR);
+    // Called from outside with an entry alone: its list's sentinel (the one
+    // record without a name) tells which index holds it. The library's own
+    // paths know the head and do not walk.
+    const DNS_CACHE_ITEM_S *sentinel = pstItem->pstNext;
+    while (sentinel != nullptr && sentinel != pstItem && sentinel->pszName != nullptr) {
+        sentinel = sentinel->pstNext;
     }
-    if (pstItem->pulTtl != nullptr) {
-        VEK_FREE(pstItem->pulTtl);
+    cache_index *idx = sentinel != nullptr && sentinel != pstItem ? index_of(sentinel) : nullptr;
+    if (idx != nullptr) {
+        index_erase(idx, pstItem);
     }
-    if (pstItem->pszName != nullptr) {
-        VEK_FREE(pstItem->pszName);
-    }
-    VEK_FREE(pstItem);
+    free_item(pstItem);
 }
 
 VEK_DNS_API void dnsDestoryCacheItemList(DNS_CACHE_ITEM_S *pstCacheFirst) {
     if (pstCacheFirst == nullptr) {
         return;
     }
+    index_destroy(pstCacheFirst);
     DNS_CACHE_ITEM_S *item = pstCacheFirst->pstNext;
     while (item != nullptr && item != pstCacheFirst) {
         DNS_CACHE_ITEM_S *next = item->pstNext;
-        dnsDestoryCacheItem(item);
+        free_item(item);
         item = next;
     }
     VEK_FREE(pstCacheFirst);
@@ -226,6 +511,14 @@ VEK_DNS_API DNS_CACHE_ITEM_S *dnsAddItemToCache(DNS_CACHE_HEAD_S *pstCacheHead, 
     if (pstCacheHead == nullptr || pszName == nullptr || pstCacheHead->pstCacheFirst == nullptr) {
         return nullptr;
     }
+    // The index node is had first: once linked, the entry is in the index.
+    cache_index *idx = index_of(pstCacheHead->pstCacheFirst);
+    if (idx == nullptr) {
+        idx = index_create(pstCacheHead->pstCacheFirst);
+    }
+    if (idx == nullptr || !index_reserve(idx)) {
+        return nullptr;
+    }
     auto *item = static_cast<DNS_CACHE_ITEM_S *>(VEK_MALLOC_ZERO(sizeof(DNS_CACHE_ITEM_S)));
     if (item == nullptr) {
         return nullptr;
@@ -241,6 +534,7 @@ VEK_DNS_API DNS_CACHE_ITEM_S *dnsAddItemToCache(DNS_CACHE_HEAD_S *pstCacheHead, 
     item->pstPrev = first;
     first->pstNext->pstPrev = item;
     first->pstNext = item;
+    index_insert(idx, item);
     return item;
 }
 
@@ -264,7 +558,7 @@ VEK_DNS_API uint32_t dnsAddIPToCache(DNS_CACHE_HEAD_S *pstCacheHead, const char 
                        pstIpAddr->unIpAddr.aucIpv6, sizeof(pstIpAddr->unIpAddr.aucIpv6));
         break;
     default:
-        dnsDestoryCacheItem(item);
+        discard_new_item(pstCacheHead, item);
         (void)DNS_UnLock(pstCacheHead->pstSem);
         return DNS_ERR_IP_TYPE;
     }
@@ -318,7 +612,7 @@ VEK_DNS_API uint32_t dnsAddSRVToCache(DNS_CACHE_HEAD_S *pstCacheHead, const char
         (void)memcpy_s(item->pulTtl, ttl_bytes, pulTtl, ttl_bytes);
     }
     if (item->pstSrvRR == nullptr || item->pulTtl == nullptr) {
-        dnsDestoryCacheItem(item);
+        discard_new_item(pstCacheHead, item);
         (void)DNS_UnLock(pstCacheHead->pstSem);
         return DNS_ERR_NO_MEMORY;
     }
@@ -335,16 +629,38 @@ VEK_DNS_API void dnsDelOldestRecord(DNS_CACHE_HEAD_S *pstCacheHead) {
     uint32_t min_stamp = PAL_GetSysTimeSec();
     DNS_CACHE_ITEM_S *first = pstCacheHead->pstCacheFirst;
     DNS_CACHE_ITEM_S *oldest = nullptr;
-    // Strictly smaller: among equal stamps the first met (the newest of them)
-    // wins, and entries of the current second are never taken.
-    for (DNS_CACHE_ITEM_S *item = first->pstNext; item != first; item = item->pstNext) {
-        if (item->ulTimeStamp < min_stamp) {
-            min_stamp = item->ulTimeStamp;
-            oldest = item;
+    cache_index *idx = index_of(first);
+    if (idx != nullptr && idx->sorted) {
+        // The smallest stamps are the run at the tail; its newest goes.
+        const DNS_CACHE_ITEM_S *tail = first->pstPrev;
+        if (tail != first && tail->ulTimeStamp < min_stamp) {
+            if (idx->candidate == nullptr) {
+                DNS_CACHE_ITEM_S *run = first->pstPrev;
+                while (run->pstPrev != first && run->pstPrev->ulTimeStamp == tail->ulTimeStamp) {
+                    run = run->pstPrev;
+                }
+                idx->candidate = run;
+            }
+            oldest = idx->candidate;
+        }
+    } else {
+        // Strictly smaller: among equal stamps the first met (the newest of
+        // them) wins, and entries of the current second are never taken.
+        bool sorted = true;
+        for (DNS_CACHE_ITEM_S *item = first->pstNext; item != first; item = item->pstNext) {
+            if (item->ulTimeStamp < min_stamp) {
+                min_stamp = item->ulTimeStamp;
+                oldest = item;
+            }
+            sorted = sorted && (item->pstNext == first || item->pstNext->ulTimeStamp <= item->ulTimeStamp);
+        }
+        if (idx != nullptr && sorted) {
+            idx->sorted = true;
+            idx->candidate = nullptr;
         }
     }
     if (oldest != nullptr) {
-        drop_item(pstCacheHead, oldest);
+        drop_item(pstCacheHead, idx, oldest);
     }
     (void)DNS_UnLock(pstCacheHead->pstSem);
 }
@@ -380,23 +696,16 @@ VEK_DNS_API uint32_t DNS_GetIpFromMemCache(const char *pszName, DNS_IPADDR_S *ps
 
     uint32_t found = 0;
     (void)DNS_Lock(head->pstSem);
-    DNS_CACHE_ITEM_S *first = head->pstCacheFirst;
-    DNS_CACHE_ITEM_S *item = first->pstNext;
-    while (item != first) {
-        DNS_CACHE_ITEM_S *next = item->pstNext;
-        if (PAL_StrCmp(item->pszName, pszName) == 0) {
-            if (!is_live(head, item, item->ulTtl)) {
-                drop_item(head, item);
-            } else {
-                pstIpAddr[found].ulType = head->enDNSType;
-                (void)dnsSetCacheRecordToHost(item, &pstIpAddr[found]);
-                if (++found == DNS_MAX_IP_NUM) {
-                    break;
-                }
-            }
+    cache_index *idx = index_of(head->pstCacheFirst);
+    for_each_named(head, idx, pszName, [&](DNS_CACHE_ITEM_S *item) {
+        if (!is_live(head, item, item->ulTtl)) {
+            drop_item(head, idx, item);
+            return true;
         }
-        item = next;
-    }
+        pstIpAddr[found].ulType = head->enDNSType;
+        (void)dnsSetCacheRecordToHost(item, &pstIpAddr[found]);
+        return ++found < DNS_MAX_IP_NUM;
+    });
     (void)DNS_UnLock(head->pstSem);
     if (found == 0) {
         return DNS_ERR_CACHE_MISS;
@@ -437,35 +746,36 @@ VEK_DNS_API uint32_t DNS_GetSrvFromMemCache(const char *pszName, DNS_SRV_RR_S *p
     }
 
     (void)DNS_Lock(head->pstSem);
-    DNS_CACHE_ITEM_S *first = head->pstCacheFirst;
-    DNS_CACHE_ITEM_S *item = first->pstNext;
-    while (item != first) {
-        DNS_CACHE_ITEM_S *next = item->pstNext;
-        if (PAL_StrCmp(item->pszName, pszName) == 0) {
-            uint32_t live = 0;
-            for (uint32_t i = 0; i < item->ulSrvNum; i++) {
-                if (is_live(head, item, item->pulTtl[i])) {
-                    live++;
-                }
+    cache_index *idx = index_of(head->pstCacheFirst);
+    bool served = false;
+    errno_t err = 0;
+    for_each_named(head, idx, pszName, [&](DNS_CACHE_ITEM_S *item) {
+        uint32_t live = 0;
+        for (uint32_t i = 0; i < item->ulSrvNum; i++) {
+            if (is_live(head, item, item->pulTtl[i])) {
+                live++;
             }
-            if (live == item->ulSrvNum) {
-                // Served whole, cut only to the caller's room.
-                uint32_t copy = item->ulSrvNum < *pulSrvNum ? item->ulSrvNum : *pulSrvNum;
-                const size_t bytes = sizeof(DNS_SRV_RR_S) * copy;
-                errno_t err = copy == 0 ? 0 : memcpy_s(pstSrvRR, bytes, item->pstSrvRR, bytes);
-                *pulSrvNum = copy;
-                (void)DNS_UnLock(head->pstSem);
-                if (err != 0) {
-                    DNS_LOG(3, "secure func return fail! err = %d", err);
-                }
-                return DNS_OK;
-            }
-            drop_item(head, item);
         }
-        item = next;
-    }
+        if (live != item->ulSrvNum) {
+            drop_item(head, idx, item);
+            return true;
+        }
+        // Served whole, cut only to the caller's room.
+        uint32_t copy = item->ulSrvNum < *pulSrvNum ? item->ulSrvNum : *pulSrvNum;
+        const size_t bytes = sizeof(DNS_SRV_RR_S) * copy;
+        err = copy == 0 ? 0 : memcpy_s(pstSrvRR, bytes, item->pstSrvRR, bytes);
+        *pulSrvNum = copy;
+        served = true;
+        return false;
+    });
     (void)DNS_UnLock(head->pstSem);
-    return DNS_ERR_SRV_NOT_FOUND;
+    if (!served) {
+        return DNS_ERR_SRV_NOT_FOUND;
+    }
+    if (err != 0) {
+        DNS_LOG(3, "secure func return fail! err = %d", err);
+    }
+    return DNS_OK;
 }
 
 VEK_DNS_API uint32_t DNS_GetIpFromCache(const char *pszName, DNS_IPADDR_S *pstIpAddr, uint32_t *pulNum) {

@@ -6,10 +6,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <fcntl.h>
 
 #include "base/secure.h"
+#include "base/worker_pool.h"
 #include "os_adapter/test_hooks.h"
 #include "support/sandbox.h"
 #include "vek_dns_ops.h"
@@ -142,6 +144,34 @@ TEST(Adapter, ConversionsAccountingSwitchesAndClock) {
     pt::set_clock(1000);
     pt::advance_clock(59);
     EXPECT_EQ(PAL_GetSysTimeSec(), 1059u);
+}
+
+// 200 gated jobs: five failed thread starts queue, at most 64 threads, each job
+// runs once, more than 8 stay parked after; with none alive a start refuses.
+TEST(WorkerPool, BurstPastTheThreadBoundQueuesAndEveryJobRunsOnce) {
+    namespace wp = vekdns::detail;
+    static std::atomic<bool> gate{false};
+    static std::atomic<int> runs[201];
+    auto job = [](void *arg) { gate.wait(false), static_cast<std::atomic<int> *>(arg)->fetch_add(1); };
+    std::string seen;
+    for (int i = 0; i < 200; ++i) {
+        i == 10 ? pt::fail_nth(pt::op::thread_create, 1, 5) : void();
+        seen += wp::start_worker(job, &runs[i]) ? "" : " refused " + std::to_string(i);
+    }
+    seen += " threads<=64 " + std::to_string(wp::worker_threads() <= 64);
+    gate = true;
+    gate.notify_all();
+    EXPECT_TRUE(wait_until([] { return wp::requests_in_flight() == 0 && wp::parked_workers() > 8; }));
+    for (int i = 0; i < 200; ++i) {
+        seen += runs[i] == 1 ? "" : " ran " + std::to_string(i) + "x" + std::to_string(runs[i]);
+    }
+    wp::set_worker_reuse(0);
+    EXPECT_TRUE(wait_until([] { return wp::worker_threads() == 0; }));
+    pt::fail_nth(pt::op::thread_create, 1);
+    seen += " none alive " + std::to_string(wp::start_worker(job, &runs[200]));
+    pt::clear_faults();
+    wp::set_worker_reuse(8);
+    EXPECT_EQ(seen, " threads<=64 1 none alive 0");
 }
 
 } // namespace

@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <sstream>
 #include <string>
+#include <tuple>
 
 #include "os_adapter/test_hooks.h"
 #include "support/sandbox.h"
@@ -60,6 +62,9 @@ TEST(MemoryCache, LiveWhileTheAgeIsAtMostTheLimitNewestFirst) {
     EXPECT_EQ(get_ip(DNS_GetIpFromCache, "many", 0),
               "0 10.0.1.11 10.0.1.10 10.0.1.9 10.0.1.8 10.0.1.7 10.0.1.6 "
               "10.0.1.5 10.0.1.4 10.0.1.3 10.0.1.2");
+    dnsDestoryCacheItem(pstDNSCache->pstCacheFirst->pstNext); // through the export: the index follows
+    EXPECT_EQ(get_ip(DNS_GetIpFromCache, "many", 0),
+              "0 10.0.1.10 10.0.1.9 10.0.1.8 10.0.1.7 10.0.1.6 10.0.1.5 10.0.1.4 10.0.1.3 10.0.1.2 10.0.1.1");
 }
 
 TEST(MemoryCache, FullCacheEvictsTheOldestOfAnEarlierSecond) {
@@ -77,6 +82,39 @@ TEST(MemoryCache, FullCacheEvictsTheOldestOfAnEarlierSecond) {
                     : std::to_string(i);
     }
     EXPECT_EQ(gone, "1") << "among equal stamps the newest of them goes";
+}
+
+// Names evicted store by store (40 stores, clock 1000 + i / per_second, set
+// back by `back` seconds from store `at` on), then the entry count.
+TEST(MemoryCache, EvictionOrderPast32EntriesAndAcrossAClockStep) {
+    const std::tuple<uint32_t, uint32_t, uint32_t, const char *> rows[] = {
+        {2, 40, 0, "n1 n0 n3 n2 n5 n4 n7 n6 | 32"},
+        {40, 40, 0, "| 40"},                           // one second: nothing is older than now
+        {3, 20, 5, "n2 n1 n0 n20 n5 n4 n3 n23 | 32"},  // stamps out of list order
+        {1, 34, 40, "n0 n1 n34 n35 n36 n37 n38 | 33"}, // set back behind every entry
+    };
+    auto names = [] {
+        std::string all = " ";
+        for (auto *it = pstDNSCache->pstCacheFirst->pstNext; it != pstDNSCache->pstCacheFirst;
+             it = it->pstNext) {
+            all += std::string(it->pszName) + " ";
+        }
+        return all;
+    };
+    for (auto [per_second, at, back, want] : rows) {
+        ORV_NETB_DnsCleanBuffer();
+        std::string out;
+        for (uint32_t i = 0; i < 40; ++i) {
+            set_clock(1000 + i / per_second - (i >= at ? back : 0));
+            const std::string was = pstDNSCache != nullptr ? names() : "";
+            ASSERT_EQ(DNS_SetIpToCache(("n" + std::to_string(i)).c_str(), 600, addr("10.0.0.1")), DNS_OK);
+            std::istringstream in(was);
+            for (std::string n; in >> n;) {
+                out += names().find(" " + n + " ") == std::string::npos ? n + " " : "";
+            }
+        }
+        EXPECT_EQ(out + "| " + std::to_string(pstDNSCache->ulRecords), want) << per_second << " " << at;
+    }
 }
 
 // Address files: exact lines on creation and on every store after it.
