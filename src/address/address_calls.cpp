@@ -76,24 +76,13 @@ uint32_t resolve_request(DNS_ASYN_RESOLVE_S *req, DNS_IPADDR_S *addrs, uint32_t 
 
 // ---- blocking call --------------------------------------------------------------
 
-// The completion wait must really wait: the worker still writes into the
-// caller's frame until it posts. The adapter already retries interruptions; a
-// failure here can only be transient.
-void lock_until_taken(sem_t *lock) {
-    while (DNS_Lock(lock) != DNS_OK) {
-    }
-}
-
 struct syn_texts {
     const char *failure;
     const char *success;
 };
 
-// Where an accepted request runs: on a worker, or on the calling thread
-// before the call returns (the blocking calls, whose completion function is
-// the library's own: the caller waits for it anyway, so a hand-off to a
-// worker and back would only add two thread switches).
-enum class run_on { worker, caller };
+using vekdns::lock_until_taken;
+using vekdns::detail::run_on;
 
 uint32_t accept_request(const char *name, uint32_t type, int32_t timeout, DNS_IP_CALLBACK_PFN callback,
                         void *user, run_on where);

@@ -8,6 +8,14 @@
 
 namespace vekdns {
 
+// Takes a blocking call's completion lock, retrying: the call must not go on
+// before its completion function has posted. The adapter already retries
+// interruptions; a failure here can only be transient.
+inline void lock_until_taken(sem_t *lock) {
+    while (DNS_Lock(lock) != DNS_OK) {
+    }
+}
+
 class named_sem_section {
 public:
     // Opens and waits. A failed wait is not fatal (work goes on), a failed

@@ -11,6 +11,12 @@ namespace vekdns::detail {
 
 using worker_job = void (*)(void *arg);
 
+// Where an accepted request runs: on a worker, or on the calling thread
+// before the call returns. The blocking calls take the latter: their
+// completion function is the library's own and they wait for it anyway, so a
+// hand-off to a worker and back would only add two thread switches.
+enum class run_on { worker, caller };
+
 // Hands `job(arg)` to a parked worker, or starts a new detached thread for it
 // (PAL_PthreadCreate), or queues it for a busy worker at the thread bound or
 // when no thread could be started. False when no thread could be had and no

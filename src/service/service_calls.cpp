@@ -172,13 +172,6 @@ uint32_t syn_srv_done(DNS_SRV_ASYN_S *req, DNS_SRV_RR_S *rr, uint32_t count, voi
     return DNS_OK;
 }
 
-// The completion wait must really wait: the worker writes into the caller's
-// frame until it posts.
-void lock_until_taken(sem_t *lock) {
-    while (DNS_Lock(lock) != DNS_OK) {
-    }
-}
-
 void render(const DNS_SRV_RR_S &rr, DNS_SRV_RR_STR_S *out) {
     out->ulType = rr.stAddr.ulType;
     if (rr.stAddr.ulType == DNS_IP_TYPE_IPV4) {
@@ -195,10 +188,8 @@ void render(const DNS_SRV_RR_S &rr, DNS_SRV_RR_STR_S *out) {
     log_secure_failure(strcpy_s(out->szTarget, target_size, rr.szTarget));
 }
 
-// Where an accepted request runs: on a worker, or on the calling thread
-// before the call returns (the blocking call: its completion function is the
-// library's own and it waits anyway, so a hand-off would only add switches).
-enum class run_on { worker, caller };
+using vekdns::lock_until_taken;
+using vekdns::detail::run_on;
 
 uint32_t accept_request(const char *pszService, const char *pszProto, const char *pszDomain,
                         int32_t ulTimeOutSec, int32_t ulRRCount, DNS_SRV_CALLBACK_PFN pfnCallback,
