@@ -28,7 +28,7 @@ pal/fail-nth-off-by-one @@ src/os_adapter/test_hooks.cpp @@ call >= first && cal
 pal/named-sem-stale-mapping @@ src/os_adapter/named_sem.cpp @@ m.dev == st.st_dev && m.ino == st.st_ino @@ m.dev == st.st_dev
 pal/unlink-without-mark @@ src/os_adapter/named_sem.cpp @@ __atomic_store_n(retire_mark(sem), retired_magic, __ATOMIC_RELEASE); @@ (void)retire_mark(sem);
 pal/strdup-no-terminator @@ src/os_adapter/pal.cpp @@ std::memcpy(copy, pszText, len + 1); @@ std::memcpy(copy, pszText, len); copy[len] = 'x';
-config/five-search-suffixes @@ src/config/discovery.cpp @@ for (size_t i = 0; i < DNS_MAX_SEARCH_DOMAIN; ++i) { @@ for (size_t i = 0; i + 1 < DNS_MAX_SEARCH_DOMAIN; ++i) {
+config/five-search-suffixes @@ src/config/discovery.cpp @@ for (size_t i = 0; i < DNS_MAX_SEARCH_DOMAIN; ++i) {<NL>        char *tok @@ for (size_t i = 0; i + 1 < DNS_MAX_SEARCH_DOMAIN; ++i) {<NL>        char *tok
 config/domain-keeps-search @@ src/config/discovery.cpp @@     clear_search(rec);<NL>    errno_t err = strncpy_s(rec->szSearchDomain @@     errno_t err = strncpy_s(rec->szSearchDomain
 config/server-keeps-cr @@ src/config/discovery.cpp @@ std::strchr(text, '\r'); @@ std::strchr(text, '\t');
 config/delete-first-wrong-index @@ src/config/server_config.cpp @@ second_index = 1; @@ second_index = 2;
@@ -48,6 +48,8 @@ address/both-ipv6-overwrites-ipv4 @@ src/address/address_calls.cpp @@ addrs + fo
 cache/memory-expiry-lt @@ src/cache/memory_cache.cpp @@ - item->ulTimeStamp <= age_limit @@ - item->ulTimeStamp < age_limit
 cache/memory-one-too-many @@ src/cache/memory_cache.cpp @@ if (head->ulRecords >= head->ulMaxNumber) {<NL>        dnsDelOldestRecord(head);<NL>    }<NL>    return dnsAddIPToCache @@ if (head->ulRecords > head->ulMaxNumber) {<NL>        dnsDelOldestRecord(head);<NL>    }<NL>    return dnsAddIPToCache
 cache/memory-get-skips-unlock @@ src/cache/memory_cache.cpp @@ (void)DNS_UnLock(head->pstSem);<NL>    if (found == 0) { @@ if (found == 0) {
+cache/index-rehash-splits-wrong @@ src/cache/memory_cache.cpp @@ &tail[(idx->nodes[n].hash & count) != 0 ? 1 : 0]; @@ &tail[(idx->nodes[n].hash & count) != 0 ? 0 : 1];
+base/pool-parks-before-queue @@ src/base/worker_pool.cpp @@ bool next_job(parked_worker *self) {<NL>    if (pop_job(self)) { @@ bool next_job(parked_worker *self) {<NL>    if (false && pop_job(self)) {
 cache/file-expiry-gt @@ src/cache/address_file_cache.cpp @@ if (age >= limit) { @@ if (age > limit) {
 cache/file-ipv6-append-format @@ src/cache/address_file_cache.cpp @@ "%s %s %u %u\n", pszName @@ "%s %s %u %u \n", pszName
 cache/file-drops-one-less @@ src/cache/address_file_cache.cpp @@ lines - max_number : 0; @@ lines - max_number - 1 : 0;
