@@ -116,16 +116,6 @@ TEST(Wire, RepliesRows) {
     }
 }
 
-int named_semaphore_value() {
-    sem_t *sem = sem_open("dns_lock_sem", 0);
-    int value = -1;
-    if (sem != SEM_FAILED) {
-        sem_getvalue(sem, &value);
-        sem_close(sem);
-    }
-    return value;
-}
-
 TEST(Resolve, EveryServerAndNameInOrderAnswersAppend) {
     scripted_server one("127.0.0.1"), six("::1"), two("127.0.0.2");
     one.answer_a("h", {"10.0.0.1", "10.0.0.2"}, 30);
@@ -134,7 +124,7 @@ TEST(Resolve, EveryServerAndNameInOrderAnswersAppend) {
     two.answer_a("h.a", {"10.0.0.4"}, 10);
     int taken = 0;
     two.on_query([&](const parsed_query &q) {
-        taken += named_semaphore_value() == 1 ? 0 : 1;
+        taken += named_sem_value() == 1 ? 0 : 1;
         return two.table_reply(q);
     });
     set_resolv_conf("nameserver 127.0.0.1\nnameserver ::1\nnameserver localhost\nnameserver 0.0.0.0\n"

@@ -67,16 +67,6 @@ TEST(Secure, BoundedFunctionsRefuseWhatDoesNotFit) {
     EXPECT_EQ(tokens, "abc");
 }
 
-int named_sem_value() {
-    sem_t *s = sem_open("dns_lock_sem", 0);
-    int v = -1;
-    if (s != SEM_FAILED) {
-        sem_getvalue(s, &v);
-        sem_close(s);
-    }
-    return v;
-}
-
 TEST(NamedSem, CountOneReplacedAfterRemovalAndSharedWithOtherProcesses) {
     void *h = nullptr;
     ASSERT_EQ(DNS_SemOpen(&h), DNS_OK);

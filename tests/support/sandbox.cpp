@@ -9,6 +9,7 @@
 #include <fstream>
 #include <net/if.h>
 #include <sched.h>
+#include <semaphore.h>
 #include <sstream>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -116,6 +117,16 @@ bool file_exists(const std::string &path) {
 
 void set_resolv_conf(const std::string &content) {
     write_file("/etc/resolv.conf", content);
+}
+
+int named_sem_value() {
+    sem_t *sem = sem_open("dns_lock_sem", 0);
+    int value = -1;
+    if (sem != SEM_FAILED) {
+        sem_getvalue(sem, &value);
+        sem_close(sem);
+    }
+    return value;
 }
 
 bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds timeout) {

@@ -20,6 +20,9 @@ bool file_exists(const std::string &path);
 // Replaces the content of the (private) /etc/resolv.conf.
 void set_resolv_conf(const std::string &content);
 
+// Count of the named semaphore "dns_lock_sem", or -1 when there is none.
+int named_sem_value();
+
 // Polls `pred` until it holds or `timeout` passes; returns the last value.
 bool wait_until(const std::function<bool()> &pred,
                 std::chrono::milliseconds timeout = std::chrono::seconds(10));
